@@ -1,0 +1,65 @@
+// What happens in a process that has no descriptor left.
+
+#include "common/http_uploader.h"
+
+#include "tests/support/captured_standard_error.h"
+#include "tests/support/upload_fixture.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+
+namespace vantor {
+namespace {
+
+class ExhaustionTest : public test::UploadFixture {};
+
+TEST_F(ExhaustionTest, WithoutAReserveFilesTakeTheLastDescriptor) {
+    const rlimit limit = {128, 128};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    std::vector<std::shared_ptr<File>> files;
+    while (const auto opened = file())
+        files.push_back(opened);
+    EXPECT_EQ(fcntl(0, F_DUPFD, 0), -1);
+}
+
+/// While one lives, nothing more can be opened.
+class NoDescriptorsToBeHad {
+public:
+    NoDescriptorsToBeHad() {
+        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &m_original), 0);
+        const rlimit none = {0, m_original.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    }
+    ~NoDescriptorsToBeHad() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &m_original), 0); }
+    NoDescriptorsToBeHad(const NoDescriptorsToBeHad&) = delete;
+    NoDescriptorsToBeHad& operator=(const NoDescriptorsToBeHad&) = delete;
+
+private:
+    rlimit m_original = {};
+};
+
+TEST_F(ExhaustionTest, ALibraryThatCannotBeLoadedIsSaidOnceAndTriedAgain) {
+    startServer();
+    const std::vector<std::shared_ptr<File>> files = {file(), file()};
+    test::Completions completions;
+    const auto uploader = uploaderTo(url());
+    std::string text;
+    {
+        const test::CapturedStandardError standard_error;
+        const NoDescriptorsToBeHad none;
+        for (const auto& file : files) {
+            uploader->upload({{"crash", file}}, {}, completions.callback());
+            uploader->waitUploadsComplete();
+        }
+        text = standard_error.text();
+    }
+    EXPECT_THAT(completions.responses(), testing::SizeIs(2));
+    EXPECT_THAT(completions.responses(),
+                testing::Each(testing::Field(&HttpUploader::UploadResponse::error, 2)));
+    EXPECT_THAT(text, testing::MatchesRegex("Cannot load libcurl.so.4, nothing will be uploaded: [^\n]+\n"));
+    EXPECT_EQ(upload(*uploader).error, 0);
+}
+
+} // namespace
+} // namespace vantor
