@@ -1,0 +1,30 @@
+# Includes run one way: common/ knows nobody, crash/ knows common/, buildinfo/ knows nobody; and libcurl's headers are
+# included where it is wrapped. cmake -DSOURCE=... -P THIS
+
+# expect_no_include(FOLDER PATTERN WHY): no file of the product in FOLDER includes what PATTERN matches.
+function(expect_no_include folder pattern why)
+  file(GLOB files ${SOURCE}/${folder}/*.h ${SOURCE}/${folder}/*.cpp)
+  list(FILTER files EXCLUDE REGEX "_test\\.cpp$")
+  list(LENGTH files count)
+  if(count EQUAL 0)
+    message(FATAL_ERROR "There are no sources in ${folder}.")
+  endif()
+  foreach(file IN LISTS files)
+    file(STRINGS ${file} offending REGEX "#include [<\"](${pattern})")
+    if(offending)
+      message(SEND_ERROR "${file}: ${offending}\n${why}")
+    endif()
+  endforeach()
+endfunction()
+
+expect_no_include(common "crash/|buildinfo/|client/|collector/|tools/|tests/" "common/ stands at the bottom.")
+expect_no_include(crash "buildinfo/|collector/|tools/|tests/|curl/" "crash/ includes common/ and Breakpad's dump server.")
+expect_no_include(buildinfo "common/|crash/|collector/|tools/|tests/" "buildinfo/ knows nobody.")
+
+file(GLOB files ${SOURCE}/common/*.h ${SOURCE}/common/*.cpp)
+foreach(file IN LISTS files)
+  file(STRINGS ${file} includes REGEX "#include [<\"](curl/curl\\.h|common/curl_library\\.h)")
+  if(includes AND NOT file MATCHES "/(curl_library\\.h|curl_library\\.cpp|http_transfers\\.cpp)$")
+    message(SEND_ERROR "${file}: ${includes}\nlibcurl shows in its wrapper and in the transfers alone.")
+  endif()
+endforeach()

@@ -1,0 +1,11 @@
+#include "tests/support/programs.h"
+
+namespace vantor::test {
+
+const char* const kCrashServer = CRASH_SERVER;
+const char* const kImpatientCrashServer = CRASH_SERVER_IMPATIENT;
+const char* const kTestApplication = TEST_APPLICATION;
+const char* const kDumpSyms = DUMP_SYMS;
+const char* const kMinidumpStackwalk = MINIDUMP_STACKWALK;
+
+} // namespace vantor::test

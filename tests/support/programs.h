@@ -1,0 +1,14 @@
+#pragma once
+
+namespace vantor::test {
+
+// Where this build's programs are.
+
+extern const char* const kCrashServer;
+/// The crash server with an uploader that gives up after 2 seconds.
+extern const char* const kImpatientCrashServer;
+extern const char* const kTestApplication;
+extern const char* const kDumpSyms;
+extern const char* const kMinidumpStackwalk;
+
+} // namespace vantor::test

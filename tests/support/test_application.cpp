@@ -1,0 +1,237 @@
+// The application of the end-to-end tests: it starts a crash server and speaks the hand-shake byte by byte,
+// as any application must, and does what it is told on standard input: one command in a line, answered by one
+// line on standard output. It ends with its standard input.
+
+#include "tests/support/client_memory.h"
+#include "tests/support/crashes.h"
+#include "tests/support/end_of_memory.h"
+#include "tests/support/server_start.h"
+
+#include "client/linux/handler/exception_handler.h"
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace vantor::test {
+
+namespace {
+
+using Words = std::istringstream; // what follows a command's name
+
+ServerStart g_start; // of the next server
+StartedServer g_server;
+ClientDescriptor g_descriptor;
+std::unique_ptr<google_breakpad::ExceptionHandler> g_handler;
+
+const char* const kDone = "done";
+
+std::string wordFrom(Words& words) {
+    std::string word;
+    words >> word;
+    return word;
+}
+
+uint64_t hexFrom(Words& words) {
+    return std::stoull(wordFrom(words), nullptr, 16);
+}
+
+void require(bool is_done, const char* what) {
+    if (is_done)
+        return;
+    perror(what);
+    _exit(1);
+}
+
+// The start of a server.
+
+std::string setLimit(Words& words) {
+    static const std::map<std::string, int> kResources = {{"descriptors", RLIMIT_NOFILE},
+                                                          {"memory", RLIMIT_AS}};
+    rlimit& limit = g_start.limits[kResources.at(wordFrom(words))];
+    words >> limit.rlim_cur >> limit.rlim_max;
+    return kDone;
+}
+
+std::string setArgument(Words& words) {
+    g_start.argument = wordFrom(words);
+    return kDone;
+}
+
+std::string setDescriptor(Words& words) {
+    words >> g_start.descriptor;
+    return kDone;
+}
+
+std::string setBlocking(Words&) {
+    g_start.is_blocking = true;
+    return kDone;
+}
+
+std::string setOrphan(Words&) {
+    g_start.is_orphan = true;
+    return kDone;
+}
+
+std::string start(Words& words) {
+    std::vector<std::string> program(std::istream_iterator<std::string>(words), {});
+    g_server = startServer(g_start, std::move(program));
+    return std::to_string(g_server.pid);
+}
+
+std::string reapServer(Words&) {
+    int status = 0;
+    require(waitpid(g_server.pid, &status, 0) == g_server.pid, "wait for the server");
+    return std::to_string(status);
+}
+
+// The hand-shake.
+
+std::string readGreeting(Words&) {
+    std::array<unsigned char, 64> bytes = {};
+    const ssize_t length = read(g_server.socket, bytes.data(), bytes.size());
+    std::string text;
+    for (ssize_t i = 0; i < length; ++i) {
+        std::array<char, 3> digits = {};
+        (void)snprintf(digits.data(), digits.size(), "%02x", bytes[static_cast<size_t>(i)]); // they fit
+        text += digits.data();
+    }
+    return text.empty() ? "end" : text;
+}
+
+void sendAddress(uint64_t address, size_t length = sizeof(uint64_t)) {
+    require(write(g_server.socket, &address, length) == static_cast<ssize_t>(length), "announce");
+}
+
+std::string announce(Words&) {
+    sendAddress(reinterpret_cast<uint64_t>(&g_descriptor));
+    return kDone;
+}
+
+std::string announceAddress(Words& words) {
+    sendAddress(hexFrom(words));
+    return kDone;
+}
+
+std::string announceShort(Words& words) {
+    size_t length = 0;
+    words >> length;
+    sendAddress(reinterpret_cast<uint64_t>(&g_descriptor), length);
+    return kDone;
+}
+
+std::string closeSocket(Words&) {
+    require(close(g_server.socket) == 0, "close");
+    return kDone;
+}
+
+// The annotations.
+
+std::string loadRecords(Words& words) {
+    std::ifstream stream(wordFrom(words), std::ios::binary);
+    const std::string records(std::istreambuf_iterator<char>(stream), {});
+    g_descriptor.records = placeAtEndOfMemory(records);
+    g_descriptor.count = static_cast<uint32_t>(records.size() / sizeof(ClientRecord));
+    return kDone;
+}
+
+std::string setCount(Words& words) {
+    g_descriptor.count = static_cast<uint32_t>(hexFrom(words));
+    return kDone;
+}
+
+std::string setReserved(Words& words) {
+    g_descriptor.reserved = static_cast<uint32_t>(hexFrom(words));
+    return kDone;
+}
+
+std::string setRecords(Words& words) {
+    g_descriptor.records = hexFrom(words);
+    return kDone;
+}
+
+// The crash.
+
+std::string guard(Words&) {
+    (void)signal(SIGPIPE, SIG_IGN); // a server that has gone must not change what the application dies of
+    g_handler = std::make_unique<google_breakpad::ExceptionHandler>(
+        google_breakpad::MinidumpDescriptor("/"), nullptr, nullptr, nullptr, true, g_server.socket);
+    return kDone;
+}
+
+std::string crash(Words& words) {
+    static const std::map<std::string, void (*)()> kKinds = {{"segmentation-fault", crashBySegmentationFault},
+                                                             {"abort", crashByAbort},
+                                                             {"second-thread", crashInSecondThread}};
+    kKinds.at(wordFrom(words))();
+    return ""; // not reached
+}
+
+std::string perform(const std::string& command);
+
+std::string inChild(Words& words) {
+    const pid_t child = fork();
+    require(child != -1, "fork");
+    if (child == 0) {
+        for (std::string command; std::getline(words, command, ';');)
+            (void)perform(command); // a child does not answer
+        _exit(0);
+    }
+
+    int status = 0;
+    require(waitpid(child, &status, 0) == child, "wait for a child");
+    return std::to_string(child) + " " + std::to_string(status);
+}
+
+std::string perform(const std::string& command) {
+    static const std::map<std::string, std::string (*)(Words&)> kCommands = {
+        {"limit", setLimit},           // limit descriptors|memory SOFT HARD: the server's resources
+        {"argument", setArgument},     // argument TEXT: what the server is given in place of the number
+        {"descriptor", setDescriptor}, // descriptor NUMBER: where the server finds its socket
+        {"blocking", setBlocking},     // the server's end of the socket shall block
+        {"orphan", setOrphan},         // the server shall begin when this process has gone
+        {"start", start},              // start PROGRAM [ARGUMENT...]: the answer is the server's pid
+        {"reap", reapServer},          // the answer is how the server ended, as waitpid() has it
+
+        {"greeting", readGreeting},            // the answer is a message in hexadecimal digits, or "end"
+        {"announce", announce},                // sends the descriptor's address
+        {"announce-address", announceAddress}, // announce-address HEX: sends another
+        {"announce-short", announceShort},     // announce-short COUNT: sends that many bytes of it
+        {"close", closeSocket},
+
+        {"load", loadRecords},     // load FILE: the records that the file holds, byte for byte
+        {"count", setCount},       // count HEX: how many the descriptor says there are
+        {"reserved", setReserved}, // reserved HEX
+        {"records", setRecords},   // records HEX: where the descriptor says they are
+
+        {"guard", guard},   // installs the crash handler
+        {"crash", crash},   // crash segmentation-fault|abort|second-thread
+        {"child", inChild}, // child COMMAND[;COMMAND...]: in a forked process; its pid and how it ended
+    };
+    Words words(command);
+    const std::string name = wordFrom(words);
+    return kCommands.at(name)(words);
+}
+
+} // namespace
+
+} // namespace vantor::test
+
+int main() {
+    const rlimit no_core_file = {.rlim_cur = 0, .rlim_max = 0};
+    (void)setrlimit(RLIMIT_CORE, &no_core_file); // less can always be had
+    for (std::string command; std::getline(std::cin, command);)
+        std::cout << vantor::test::perform(command) << std::endl;
+}

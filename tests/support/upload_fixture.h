@@ -1,0 +1,93 @@
+#pragma once
+
+#include "common/http_uploader.h"
+#include "common/mutex.h"
+#include "tests/support/certificates.h"
+#include "tests/support/temporary_directory.h"
+#include "tests/support/tls_server.h"
+
+#include <cstdlib>
+#include <gmock/gmock.h>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vantor::test {
+
+/// Collects what completions bring.
+class Completions {
+public:
+    std::function<void(const HttpUploader::UploadResponse&)> callback() {
+        return [this](const HttpUploader::UploadResponse& response) {
+            MutexLock lock(m_mutex);
+            m_responses.push_back(response);
+            m_threads.push_back(std::this_thread::get_id());
+        };
+    }
+
+    std::vector<HttpUploader::UploadResponse> responses() {
+        MutexLock lock(m_mutex);
+        return m_responses;
+    }
+    std::vector<std::thread::id> threads() {
+        MutexLock lock(m_mutex);
+        return m_threads;
+    }
+
+private:
+    Mutex m_mutex;
+    std::vector<HttpUploader::UploadResponse> m_responses VANTOR_GUARDED_BY(m_mutex);
+    std::vector<std::thread::id> m_threads VANTOR_GUARDED_BY(m_mutex);
+};
+
+/// An HTTPS server that is trusted, a file to send to it, and uploaders.
+class UploadFixture : public testing::Test {
+protected:
+    UploadFixture() {
+        for (const char* name :
+             {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
+            unsetenv(name);
+        setenv("SSL_CERT_FILE", m_authority.certificateFile().c_str(), 1);
+        writeFile(m_directory / "report.dmp", m_content);
+    }
+
+    void startServer(TlsServer::Options options = {}) {
+        const CertificateFiles files = m_authority.issue("server");
+        options.certificate_file = files.certificate;
+        options.key_file = files.key;
+        m_server = std::make_unique<TlsServer>(options);
+    }
+
+    std::string url() const { return m_server->url() + "/upload/"; }
+    std::shared_ptr<File> file() const { return File::open(m_directory / "report.dmp", "r", true); }
+
+    static std::unique_ptr<HttpUploader> uploaderTo(const std::string& url) {
+        return std::make_unique<HttpUploader>(url, HttpUploader::Method::PostForm, std::vector<std::string>(),
+                                              false);
+    }
+
+    /// Uploads one form and waits for what becomes of it.
+    HttpUploader::UploadResponse upload(HttpUploader& uploader,
+                                        const std::map<std::string, std::string>& params = {}) {
+        Completions completions;
+        uploader.upload({{"crash", file()}}, params, completions.callback());
+        uploader.waitUploadsComplete();
+        const auto responses = completions.responses();
+        EXPECT_THAT(responses, testing::SizeIs(1));
+        return responses.at(0);
+    }
+
+    int32_t errorWith(TlsServer::Options options) {
+        startServer(std::move(options));
+        return upload(*uploaderTo(url())).error;
+    }
+
+    TemporaryDirectory m_directory;
+    const CertificateAuthority m_authority = CertificateAuthority(m_directory.path());
+    const std::string m_content = std::string("MDMP\0\r\n--\xff", 10) + std::string(200'000, 'x');
+    std::unique_ptr<TlsServer> m_server;
+};
+
+} // namespace vantor::test
