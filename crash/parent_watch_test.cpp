@@ -4,13 +4,17 @@
 #include "crash/crash_handler.h"
 #include "crash/globals.h"
 #include "tests/support/captured_standard_error.h"
+#include "tests/support/eventually.h"
 #include "tests/support/fake_http_uploader.h"
 #include "tests/support/temporary_directory.h"
 
 #include "client/linux/crash_generation/client_info.h"
 
+#include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <gmock/gmock.h>
+#include <map>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -27,6 +31,26 @@ protected:
         g_parent_pid = 4711;
     }
     ~ParentWatchTest() override { close(m_signal_descriptor); }
+
+    /// The threads of this process, and what each does: 'S' when it sleeps.
+    static std::map<std::string, char> threadStates() {
+        std::map<std::string, char> states;
+        for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+            const std::string status = vantor::test::readFile(thread.path() / "status");
+            const size_t state = status.find("State:\t");
+            if (state != std::string::npos) // else it has gone
+                states[thread.path().filename()] = status[state + 7];
+        }
+        return states;
+    }
+
+    /// Whether a thread sleeps that was not there before.
+    static bool anotherSleeps(const std::map<std::string, char>& before) {
+        const auto now = threadStates();
+        return std::any_of(now.begin(), now.end(), [&](const auto& thread) {
+            return thread.second == 'S' && !before.contains(thread.first);
+        });
+    }
 
     vantor::test::TemporaryDirectory m_directory;
     vantor::crash::CrashHandler m_handler = vantor::crash::CrashHandler(m_directory.path(), false, {});
@@ -55,13 +79,18 @@ TEST_F(ParentWatchTest, WakesForASignalThatComesLater) {
 }
 
 TEST_F(ParentWatchTest, DuringStartUpTheReportWaitsForTheParentsRegistration) {
+    g_crash_handler = &m_handler; // so that a report that comes too early shows by its message
     ASSERT_EQ(kill(getpid(), SIGHUP), 0);
+    const auto before = threadStates();
     vantor::Thread watcher;
     watcher.start(parentWatcher(m_signal_descriptor));
-    g_crash_handler = &m_handler;
+    // The signal is there already: if the watcher sleeps, it is for the registration.
+    EXPECT_TRUE(
+        vantor::test::eventually([&] { return anotherSleeps(before) || !m_standard_error.text().empty(); }));
+    EXPECT_EQ(m_standard_error.text(), "");
     registerParent();
     watcher.join();
-    EXPECT_EQ(m_standard_error.text(), "New client, pid 4711\nClient exited, pid 4711\n");
+    ASSERT_EQ(m_standard_error.text(), "New client, pid 4711\nClient exited, pid 4711\n");
     m_handler.wait(); // the parent has been taken out
 }
 
