@@ -3,11 +3,13 @@
 #include "crash/crash_handler.h"
 
 #include "common/thread.h"
+#include "tests/support/buffered_standard_error.h"
 #include "tests/support/captured_standard_error.h"
 #include "tests/support/fake_http_uploader.h"
 #include "tests/support/temporary_directory.h"
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <latch>
@@ -73,6 +75,25 @@ TEST_F(CrashHandlerTest, ClientsAreAnnounced) {
     m_handler->clientDisconnected(12);
     EXPECT_EQ(m_standard_error.text(),
               "New client, pid 4711\nClient exited, pid 4711\nClient exited, pid 12\n");
+}
+
+TEST_F(CrashHandlerTest, ClientsAreAnnouncedAtOnce) {
+    start();
+    const test::BufferedStandardError buffered;
+    m_handler->clientConnected(kPid);
+    EXPECT_EQ(m_standard_error.text(), "New client, pid 4711\n");
+    m_handler->clientDisconnected(kPid);
+    EXPECT_EQ(m_standard_error.text(), "New client, pid 4711\nClient exited, pid 4711\n");
+}
+
+TEST_F(CrashHandlerTest, ACrashIsAnnouncedAtOnceAndADisabledUploadInItsTime) {
+    start();
+    givenDump();
+    const test::BufferedStandardError buffered;
+    m_handler->clientDump(kPid, m_dump, {{"disable_upload", "1"}});
+    EXPECT_EQ(m_standard_error.text(), crashLine());
+    (void)fflush(stderr);
+    EXPECT_EQ(m_standard_error.text(), crashLine() + "Upload is disabled for client 4711\n");
 }
 
 TEST_F(CrashHandlerTest, WaitReturnsWhenTheLastClientHasGone) {

@@ -3,14 +3,19 @@
 
 #include "crash/crash_uploader.h"
 
+#include "common/descriptor_limit.h"
 #include "common/time.h"
+#include "tests/support/buffered_standard_error.h"
 #include "tests/support/captured_standard_error.h"
+#include "tests/support/descriptor.h"
 #include "tests/support/fake_http_uploader.h"
 #include "tests/support/temporary_directory.h"
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace vantor::crash {
@@ -84,6 +89,16 @@ TEST_F(CrashUploaderOrderTest, TheParametersFileIsWrittenInKeyOrderWithTheTime) 
     EXPECT_THAT(std::stoull(time), AllOf(Ge(before), Le(after)));
     EXPECT_EQ(time.size(), 19U);
     EXPECT_EQ(readFile(m_params), "a\n1\nb\n2\ntime\n" + time + "\nz\n3\n");
+}
+
+TEST_F(CrashUploaderOrderTest, AnOlderParametersFileIsReplaced) {
+    CrashUploader uploader(m_directory.path());
+    givenDump();
+    writeFile(m_params, "old\n" + std::string(500, 'v') + "\n");
+    uploader.addCrash(m_dump, {{"a", "1"}}, {});
+    const std::string time = m_http.uploads.at(0).params.at("time");
+    EXPECT_EQ(readFile(m_params), "a\n1\ntime\n" + time + "\n");
+    EXPECT_THAT(m_http.uploads[0].params, ElementsAre(Pair("a", "1"), Pair("guid", kStem), Key("time")));
 }
 
 TEST_F(CrashUploaderOrderTest, TheDumpIsTheFileAndTheParametersAreTheFields) {
@@ -307,6 +322,29 @@ TEST_F(CrashUploaderOrderTest, TheScanActsOnCompletePairsOnly) {
     EXPECT_EQ(m_directory.names(), names);
 }
 
+TEST_F(CrashUploaderOrderTest, TheScanLeavesDescriptorsToOthers) {
+    const rlimit limit = {256, 256};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0); // this process runs no other test
+    for (int i = 100; i < 300; ++i) {
+        const std::string stem = std::to_string(i) + kStem.substr(3);
+        writeFile(m_directory / (stem + ".dmp"), "MDMP");
+        writeFile(m_directory / (stem + ".params"), "a\n1\n");
+    }
+    CrashUploader uploader(m_directory.path());
+    EXPECT_GT(m_http.uploads.size(), 50U);
+
+    std::vector<test::Descriptor> others;
+    for (int other = fcntl(0, F_DUPFD, 0); other != -1; other = fcntl(0, F_DUPFD, 0))
+        others.emplace_back(other);
+    EXPECT_GE(others.size(), static_cast<size_t>(kDescriptorReserve));
+
+    others.clear();
+    givenDump();
+    const size_t left_over = m_http.uploads.size();
+    uploader.addCrash(m_dump, {}, {}); // may take from the reserve
+    EXPECT_THAT(m_http.uploads, SizeIs(left_over + 1));
+}
+
 TEST_F(CrashUploaderOrderTest, BothFilesStayOpenUntilTheCompletion) {
     givenPair();
     std::weak_ptr<File> dump;
@@ -319,10 +357,11 @@ TEST_F(CrashUploaderOrderTest, BothFilesStayOpenUntilTheCompletion) {
     EXPECT_TRUE(dump.expired());
 }
 
-TEST_F(CrashUploaderOrderTest, TheHttpUploaderGoesWhileCompletionsCanStillRun) {
+// Its destructor waits for completions, which take the uploader's mutex.
+TEST_F(CrashUploaderOrderTest, TheMutexIsFreeWhileTheHttpUploaderGoes) {
     givenPair();
     auto uploader = std::make_unique<CrashUploader>(m_directory.path());
-    m_http.on_destroy = [this] { m_http.complete(0, 42); }; // takes the mutex
+    m_http.on_destroy = [this] { m_http.complete(0, 42); };
     uploader.reset();
     EXPECT_THAT(m_standard_error.text(),
                 testing::EndsWith("Failed to upload " + m_dump + " to the server\n"));
@@ -336,25 +375,10 @@ TEST_F(CrashUploaderOrderTest, WaitDoneWaitsForTheHttpUploader) {
     EXPECT_TRUE(m_http.was_waited_for);
 }
 
-/// Standard error as a file that is written when its buffer is flushed.
-class BufferedStandardError {
-public:
-    BufferedStandardError() { (void)setvbuf(stderr, m_buffer, _IOFBF, sizeof(m_buffer)); }
-    ~BufferedStandardError() {
-        (void)fflush(stderr);
-        (void)setvbuf(stderr, nullptr, _IONBF, 0);
-    }
-    BufferedStandardError(const BufferedStandardError&) = delete;
-    BufferedStandardError& operator=(const BufferedStandardError&) = delete;
-
-private:
-    char m_buffer[4096] = {};
-};
-
 TEST_F(CrashUploaderOrderTest, EveryCompletionEndsWithAFlush) {
     givenPair();
     CrashUploader uploader(m_directory.path());
-    const BufferedStandardError buffered;
+    const test::BufferedStandardError buffered;
     m_http.complete(0, 7);
     EXPECT_THAT(m_standard_error.text(),
                 testing::EndsWith("Failed to upload " + m_dump + " to the server\n"));
@@ -363,9 +387,18 @@ TEST_F(CrashUploaderOrderTest, EveryCompletionEndsWithAFlush) {
 TEST_F(CrashUploaderOrderTest, ARejectionIsNotFlushed) {
     CrashUploader uploader(m_directory.path());
     givenDump();
-    const BufferedStandardError buffered;
+    const test::BufferedStandardError buffered;
     uploader.addCrash(m_dump, {{"a", "two\nlines"}}, {});
     EXPECT_EQ(m_standard_error.text(), "");
+}
+
+TEST_F(CrashUploaderOrderTest, AFileThatCannotBeOpenedIsToldWithoutAFlush) {
+    CrashUploader uploader(m_directory.path());
+    const test::BufferedStandardError buffered;
+    uploader.addCrash(m_dump, {}, {});
+    EXPECT_EQ(m_standard_error.text(), "");
+    (void)fflush(stderr);
+    EXPECT_EQ(m_standard_error.text(), "Failed to open either dump or params file!");
 }
 
 } // namespace

@@ -115,6 +115,18 @@ TEST_F(CustomDataTest, RecordsAreAppendedInTheirOrder) {
     EXPECT_EQ(std::memcmp(records.data(), entries, sizeof(entries)), 0);
 }
 
+TEST_F(CustomDataTest, WhatIsThereAlreadyStaysInFront) {
+    const CustomDataEntry entries[] = {entry("b", "2"), entry("a", "1")};
+    const CustomDataDescriptor descriptor = {2, 0, reinterpret_cast<uint64_t>(entries)};
+    const Client client;
+    std::vector<CustomDataEntry> records = {entry("from", "before")};
+    readCustomData(reinterpret_cast<unsigned long>(&descriptor), client.pid(), &records);
+    ASSERT_THAT(records, SizeIs(3));
+    EXPECT_STREQ(records[0].name, "from");
+    EXPECT_STREQ(records[1].name, "b");
+    EXPECT_STREQ(records[2].name, "a");
+}
+
 TEST_F(CustomDataTest, NoRecordsIsAMessage) {
     const CustomDataEntry entries[] = {entry("a", "1")};
     EXPECT_THAT(read({0, 0, reinterpret_cast<uint64_t>(entries)}), IsEmpty());

@@ -80,6 +80,21 @@ TEST_F(HandshakeTest, TheArgumentIsReadAsFarAsItIsANumber) {
     EXPECT_EQ(shakeHands("-1"), -1);
 }
 
+TEST_F(HandshakeTest, TheNumberIsDecimalWhateverItLooksLike) {
+    const int number = fcntl(server(), F_DUPFD, 10); // from here on, another one in octal digits
+    ASSERT_GE(number, 10);
+    close(m_ends[0]);
+    m_ends[0] = -1;
+    EXPECT_EQ(shakeHands(("0" + std::to_string(number)).c_str()), number);
+    close(number);
+
+    const int original = dup(0);
+    ASSERT_EQ(dup2(server(), 0), 0);
+    EXPECT_EQ(shakeHands("0x10"), 0);
+    ASSERT_EQ(dup2(original, 0), 0);
+    close(original);
+}
+
 TEST_F(HandshakeTest, ATextWithoutDigitsIsDescriptorZero) {
     const int original = dup(0);
     ASSERT_EQ(dup2(server(), 0), 0);
