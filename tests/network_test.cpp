@@ -1,7 +1,10 @@
 #include "tests/support/crash_server_test.h"
+#include "tests/support/hidden_file.h"
 #include "tests/support/messages.h"
 
+#include <dlfcn.h>
 #include <functional>
+#include <link.h>
 #include <ostream>
 
 namespace vantor::test {
@@ -42,6 +45,17 @@ const Trouble kTroubles[] = {
     {"ClosesAfterTheBody", [](auto&, auto&) { return answering(Answer::hangUp()); }},
     {"Answers500", [](auto&, auto&) { return answering(Answer::status_code(500, "out of order")); }},
     {"Answers404", [](auto&, auto&) { return answering(Answer::status_code(404)); }},
+    {"AcceptsBeforeTheEndAndCloses",
+     [](auto&, auto&) {
+         return TlsServer::Options{.close_after_body_bytes = 100'000,
+                                   .early_answer =
+                                       "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 0\r\n\r\n"};
+     }},
+    {"DoesNotStopAnswering",
+     [](auto&, auto&) {
+         // Its end would be that of the connection, and it would be an acceptance.
+         return answering(Answer::raw("HTTP/1.1 200 OK\r\n\r\n" + std::string(2 << 20, 'y')));
+     }},
     {"AnswersRubbish", [](auto&, auto&) { return answering(Answer::raw("\x16rubbish\r\n\r\n")); }},
     {"Redirects",
      [](auto&, auto&) {
@@ -62,6 +76,19 @@ const Trouble kTroubles[] = {
          return showing(authority.issue("other", CertificateAuthority::Flaw::OtherHost));
      }},
 };
+
+/// Where the dynamic linker finds libcurl.
+std::string curlLibrary() {
+    void* library = dlopen("libcurl.so.4", RTLD_LAZY | RTLD_LOCAL);
+    const link_map* entry = nullptr;
+    std::string path;
+    if (library != nullptr && dlinfo(library, RTLD_DI_LINKMAP, &entry) == 0)
+        path = entry->l_name;
+    EXPECT_NE("", path);
+    if (library != nullptr)
+        (void)dlclose(library); // it has been found
+    return path;
+}
 
 class NetworkTest : public CrashServerTest {
 protected:
@@ -109,6 +136,56 @@ TEST_F(NetworkTest, NoCollectorCostsThatUploadOnly) {
     expectNextServerSendsIt();
 }
 
+/// Twice as many left-overs as there are connections.
+class SilenceTest : public NetworkTest {
+protected:
+    SilenceTest() {
+        for (int i = 10; i < 22; ++i) {
+            m_stems.push_back(std::to_string(i) + kStem.substr(2));
+            leavePair(m_stems.back(), kParams);
+        }
+    }
+
+    /// A server whose parent dies at once ends all the same, after one round of its limits, and keeps the
+    /// pairs.
+    void expectEndWithAllPairs() {
+        const auto application = startGuarded(kImpatientCrashServer);
+        endQuietly(*application);
+        const std::vector<std::string> said = lines();
+        for (const std::string& stem : m_stems)
+            EXPECT_THAT(said, Contains(failedToUpload(pathOf(stem + ".dmp"))).Times(1));
+        EXPECT_THAT(crashFiles(), testing::SizeIs(2 * m_stems.size()));
+        EXPECT_LT(collector().connectionsAccepted(), 12); // the second half is not tried
+    }
+
+    void expectNextServerSendsAll() {
+        openCollector({});
+        const auto application = startGuarded();
+        awaitUploads(m_stems.size());
+        endQuietly(*application);
+        EXPECT_THAT(crashFiles(), IsEmpty());
+
+        std::vector<std::string> sent;
+        for (const ReceivedRequest& report : reports(m_stems.size()))
+            sent.push_back(stemOf(dumpNameOf(report)));
+        EXPECT_THAT(sent, testing::UnorderedElementsAreArray(m_stems));
+    }
+
+    std::vector<std::string> m_stems;
+};
+
+TEST_F(SilenceTest, BeforeTheHandShakeOfTlsHoldsUpNobodyForLong) {
+    openCollector({.mute = true});
+    expectEndWithAllPairs();
+    expectNextServerSendsAll();
+}
+
+TEST_F(SilenceTest, AfterTheBodyHoldsUpNobodyForLong) {
+    openCollector(answering(Answer::silence()));
+    expectEndWithAllPairs();
+    expectNextServerSendsAll();
+}
+
 TEST_F(NetworkTest, TheNextServerSendsWhatAFreshCrashCouldNot) {
     collector().setAnswer([](const ReceivedRequest&) { return Answer::status_code(503); });
     const auto first = startGuarded();
@@ -127,6 +204,31 @@ TEST_F(NetworkTest, TheNextServerSendsWhatAFreshCrashCouldNot) {
     EXPECT_EQ(dumpOf(failed), dumpOf(sent));
     EXPECT_EQ(fieldsOf(failed), fieldsOf(sent));
     EXPECT_THAT(crashFiles(), IsEmpty());
+}
+
+TEST_F(NetworkTest, AMachineWithoutLibcurlKeepsThePairsForOneThatHasIt) {
+    {
+        const HiddenFile hidden(curlLibrary());
+        const auto application = startGuarded();
+        application->annotate({record("product", "sample")});
+        for (size_t crash = 1; crash <= 2; ++crash) {
+            EXPECT_EQ("signal 11", application->inChild("crash segmentation-fault").end);
+            awaitWords("Failed to upload", crash);
+        }
+        endQuietly(*application);
+    }
+    EXPECT_THAT(
+        lines(),
+        Contains(testing::StartsWith("Cannot load libcurl.so.4, nothing will be uploaded: ")).Times(1));
+    EXPECT_THAT(crashFiles(), testing::SizeIs(4));
+    EXPECT_EQ(0, collector().connectionsAccepted());
+
+    const auto application = startGuarded();
+    awaitUploads(2);
+    endQuietly(*application);
+    EXPECT_THAT(crashFiles(), IsEmpty());
+    for (const ReceivedRequest& report : reports(2))
+        EXPECT_THAT(annotationsOf(report), ElementsAre(testing::Pair("product", "sample")));
 }
 
 } // namespace
