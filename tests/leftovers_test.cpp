@@ -77,6 +77,17 @@ TEST_F(LeftoversTest, EmptyParametersAreNoFault) {
     EXPECT_THAT(arrived(""), ElementsAre(Pair("guid", kStem)));
 }
 
+TEST_F(LeftoversTest, AnEmptyDumpIsSentAsItIs) {
+    leavePair(kStem, "a\n1\n", "");
+    EXPECT_THAT(serve(1), Contains(uploaded(pathOf(kStem + ".dmp"))));
+    EXPECT_THAT(crashFiles(), IsEmpty());
+    const ReceivedRequest report = onlyReport();
+    ASSERT_NE(nullptr, report.part("crash"));
+    EXPECT_EQ(kStem + ".dmp", report.part("crash")->filename);
+    EXPECT_EQ("", report.part("crash")->body);
+    EXPECT_THAT(annotationsOf(report), ElementsAre(Pair("a", "1")));
+}
+
 TEST_F(LeftoversTest, EmptyLinesAreNone) {
     EXPECT_THAT(arrived("\n\na\n\n1\n\n"), ElementsAre(Pair("a", "1"), Pair("guid", kStem)));
 }
@@ -152,6 +163,18 @@ TEST_F(LeftoversTest, ADirectoryIsNoReport) {
     leaveFile(other + ".params", "a\n1\n");
     std::filesystem::create_directory(pathOf(other + ".dmp"));
     expectUntouched();
+}
+
+TEST_F(LeftoversTest, ALinkIsNoReport) {
+    const std::string secret = directory() + "/secret";
+    writeFile(secret, "a\n1\n");
+    leaveFile(kStem + ".params", "a\n1\n");
+    std::filesystem::create_symlink(secret, pathOf(kStem + ".dmp"));
+    const std::string other = "1" + kStem.substr(1);
+    leaveFile(other + ".dmp", kDump);
+    std::filesystem::create_symlink(secret, pathOf(other + ".params"));
+    expectUntouched();
+    EXPECT_EQ("a\n1\n", readFile(secret));
 }
 
 TEST_F(LeftoversTest, APipeIsNoReport) {

@@ -2,6 +2,7 @@
 #include "tests/support/messages.h"
 
 #include <csignal>
+#include <future>
 #include <set>
 
 namespace vantor::test {
@@ -10,6 +11,7 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using LifecycleTest = CrashServerTest;
 
@@ -118,6 +120,73 @@ TEST_F(LifecycleTest, TakesTheFirstHangUpAlone) {
     EXPECT_EQ("exit 0", application->end());
     EXPECT_THAT(lines(), Contains(clientExited(application->pid())).Times(1));
     EXPECT_THAT(crashFiles(), IsEmpty());
+}
+
+// As a parent under nohup leaves it to its children.
+TEST_F(LifecycleTest, NoticesTheParentsDeathWhenItsSignalIsIgnored) {
+    const auto application = startApplication();
+    application->tell("immune");
+    application->startServer();
+    application->shakeHands();
+    application->guard();
+    application->annotate({record("product", "sample")});
+    EXPECT_EQ("signal 11", application->inChild("crash segmentation-fault").end);
+    awaitUploads(1);
+    EXPECT_THAT(annotationsOf(onlyReport()), ElementsAre(testing::Pair("product", "sample")));
+    application->kill();
+    EXPECT_EQ("exit 0", application->serverEnd());
+    EXPECT_THAT(lines(), Contains(clientExited(application->pid())).Times(1));
+}
+
+TEST_F(LifecycleTest, ServesACrashWhileLeftOversStall) {
+    constexpr int kLeftOvers = 6; // one for each connection
+    for (int i = 0; i < kLeftOvers; ++i)
+        leavePair(std::to_string(i) + kStem.substr(1), "product\nleft over\n");
+    std::promise<void> release;
+    collector().setAnswer([gate = release.get_future().share()](const ReceivedRequest&) {
+        gate.wait();
+        return Answer();
+    });
+    const auto application = startGuarded();
+    application->annotate({record("product", "fresh")});
+    EXPECT_THAT(reports(kLeftOvers), testing::SizeIs(kLeftOvers));
+
+    const Application::Child child = application->inChild("crash segmentation-fault");
+    EXPECT_EQ("signal 11", child.end);
+    EXPECT_THAT(lines(), Contains(HasSubstr("Client with PID " + std::to_string(child.pid) + " crashed")));
+    EXPECT_THAT(crashFiles(), testing::SizeIs(2 * (kLeftOvers + 1)));
+    EXPECT_THAT(lines(), testing::Not(Contains(HasSubstr("Success"))));
+
+    release.set_value();
+    awaitUploads(kLeftOvers + 1);
+    endQuietly(*application);
+    EXPECT_THAT(crashFiles(), IsEmpty());
+    EXPECT_THAT(annotationsOf(reports(kLeftOvers + 1).back()),
+                ElementsAre(testing::Pair("product", "fresh")));
+}
+
+TEST_F(LifecycleTest, TwoServersShareACrashDirectory) {
+    std::vector<std::string> stems;
+    for (int i = 0; i < 4; ++i) {
+        stems.push_back(std::to_string(i) + kStem.substr(1));
+        leavePair(stems.back(), "product\nsample\n");
+    }
+    collector().setAnswer([this, both = 2 * stems.size()](const ReceivedRequest&) {
+        awaitWords("Uploading", both); // each server has found every pair
+        return Answer();
+    });
+    const auto first = startGuarded();
+    const auto second = startGuarded();
+    awaitUploads(2 * stems.size());
+    endQuietly(*first);
+    endQuietly(*second);
+
+    EXPECT_THAT(crashFiles(), IsEmpty());
+    std::vector<std::string> sent;
+    for (const ReceivedRequest& report : reports(stems.size()))
+        sent.push_back(stemOf(dumpNameOf(report)));
+    for (const std::string& stem : stems)
+        EXPECT_THAT(sent, Contains(stem));
 }
 
 TEST_F(LifecycleTest, LooksAgainAfterTenSecondsForALeftOverWhoseUploadEndsLast) {

@@ -73,6 +73,21 @@ TEST_F(TracedTest, AnnotationsAreReadWordByWordOnOneThread) {
         EXPECT_EQ(read[i - 1] + 8, read[i]);
 }
 
+TEST_F(TracedTest, TheMissOfAnnotationsIsToldWhileTheClientIsStopped) {
+    const Strace strace(directory(), "-e trace=ptrace,write");
+    const auto application = startGuarded(strace.server());
+    EXPECT_EQ("signal 11", application->inChild("crash segmentation-fault").end);
+    awaitUploads(1);
+    endQuietly(*application);
+
+    const std::vector<std::string> calls = lastAttachment(strace);
+    ASSERT_GT(calls.size(), 5U);
+    EXPECT_THAT(calls[1], StartsWith("ptrace(PTRACE_PEEKDATA"));
+    EXPECT_THAT(calls[2], StartsWith("ptrace(PTRACE_PEEKDATA"));
+    EXPECT_THAT(calls[3], StartsWith("write(2, \"Could not read custom data"));
+    EXPECT_THAT(calls[4], StartsWith("ptrace(PTRACE_DETACH"));
+}
+
 TEST_F(TracedTest, WithoutAnAddressTheClientIsNotRead) {
     const Strace strace(directory(), "-e trace=ptrace");
     const auto application = startApplication();

@@ -31,6 +31,10 @@ int handOver(int socket, int wanted) {
 [[noreturn]] void becomeServer(const ServerStart& how, int socket, std::vector<std::string> words) {
     for (const int as_anywhere : {SIGHUP, SIGPIPE})
         (void)signal(as_anywhere, SIG_DFL); // fails for a wrong number alone
+    if (how.is_immune) {
+        for (const int ignored : {SIGHUP, SIGCHLD})
+            (void)signal(ignored, SIG_IGN);
+    }
     if (how.is_blocking)
         require(fcntl(socket, F_SETFL, 0) == 0, "make the socket a blocking one");
     for (const auto& [resource, limit] : how.limits)

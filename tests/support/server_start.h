@@ -13,6 +13,7 @@ struct ServerStart {
     int descriptor = -1;  ///< the number under which the server finds its socket; -1: any
     std::string argument; ///< what the server is given in place of that number
     bool is_blocking = false;
+    bool is_immune = false; ///< the server begins with SIGHUP and SIGCHLD ignored, as under nohup
     bool is_orphan = false; ///< the server begins when the application has gone
     std::map<int, rlimit> limits;
 };

@@ -80,6 +80,11 @@ std::string setBlocking(Words&) {
     return kDone;
 }
 
+std::string setImmune(Words&) {
+    g_start.is_immune = true;
+    return kDone;
+}
+
 std::string setOrphan(Words&) {
     g_start.is_orphan = true;
     return kDone;
@@ -201,6 +206,7 @@ std::string perform(const std::string& command) {
         {"argument", setArgument},     // argument TEXT: what the server is given in place of the number
         {"descriptor", setDescriptor}, // descriptor NUMBER: where the server finds its socket
         {"blocking", setBlocking},     // the server's end of the socket shall block
+        {"immune", setImmune},         // the server begins with SIGHUP and SIGCHLD ignored
         {"orphan", setOrphan},         // the server shall begin when this process has gone
         {"start", start},              // start PROGRAM [ARGUMENT...]: the answer is the server's pid
         {"reap", reapServer},          // the answer is how the server ended, as waitpid() has it
