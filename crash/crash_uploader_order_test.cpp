@@ -322,26 +322,32 @@ TEST_F(CrashUploaderOrderTest, TheScanActsOnCompletePairsOnly) {
     EXPECT_EQ(m_directory.names(), names);
 }
 
+/// How many descriptors from `first` up can still be had.
+size_t freeDescriptorsFrom(int first) {
+    std::vector<test::Descriptor> descriptors;
+    for (int number = fcntl(0, F_DUPFD, first); number != -1; number = fcntl(0, F_DUPFD, first))
+        descriptors.emplace_back(number);
+    return descriptors.size();
+}
+
 TEST_F(CrashUploaderOrderTest, TheScanLeavesDescriptorsToOthers) {
-    const rlimit limit = {256, 256};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0); // this process runs no other test
+    constexpr int kLimit = 256;
+    const rlimit limit = {kLimit, kLimit};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0); // for the rest of this process, which is this test's own
+    const size_t reserve = freeDescriptorsFrom(kLimit - kDescriptorReserve);
+    ASSERT_GT(reserve, 50U);
     for (int i = 100; i < 300; ++i) {
         const std::string stem = std::to_string(i) + kStem.substr(3);
         writeFile(m_directory / (stem + ".dmp"), "MDMP");
         writeFile(m_directory / (stem + ".params"), "a\n1\n");
     }
     CrashUploader uploader(m_directory.path());
-    EXPECT_GT(m_http.uploads.size(), 50U);
-
-    std::vector<test::Descriptor> others;
-    for (int other = fcntl(0, F_DUPFD, 0); other != -1; other = fcntl(0, F_DUPFD, 0))
-        others.emplace_back(other);
-    EXPECT_GE(others.size(), static_cast<size_t>(kDescriptorReserve));
-
-    others.clear();
-    givenDump();
     const size_t left_over = m_http.uploads.size();
-    uploader.addCrash(m_dump, {}, {}); // may take from the reserve
+    EXPECT_GT(left_over, 50U);
+    EXPECT_EQ(freeDescriptorsFrom(kLimit - kDescriptorReserve), reserve);
+
+    givenDump();
+    uploader.addCrash(m_dump, {}, {}); // may take from it
     EXPECT_THAT(m_http.uploads, SizeIs(left_over + 1));
 }
 
