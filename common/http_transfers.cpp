@@ -23,6 +23,9 @@ constexpr size_t kMostStreams = 32;
 constexpr size_t kMostBodyKept = size_t(64) << 10;
 // An answer is a word or two. A server that does not stop talking is no collection server.
 constexpr size_t kMostAnswerRead = size_t(1) << 20;
+// Bytes. Where uploads share an HTTP/2 connection, libcurl 7.88 sometimes forgets the end of an answer that
+// is larger than its buffer (16 KiB, unless told otherwise), and the upload fails by its limit.
+constexpr long kReceiveBuffer = 64L << 10;
 constexpr int kPollMilliseconds = 1000; // libcurl's own limits end the wait earlier
 
 long milliseconds(Duration span) {
@@ -191,7 +194,7 @@ bool HttpTransfers::Impl::configure(CURL* easy) const {
            set(CURLOPT_CONNECTTIMEOUT_MS, milliseconds(kHttpUploaderLimits.connect)) &&
            set(CURLOPT_LOW_SPEED_LIMIT, 1L) && // bytes in a second
            set(CURLOPT_LOW_SPEED_TIME, wholeSeconds(kHttpUploaderLimits.stall)) &&
-           set(CURLOPT_WRITEFUNCTION, Transfer::receiveBody) &&
+           set(CURLOPT_BUFFERSIZE, kReceiveBuffer) && set(CURLOPT_WRITEFUNCTION, Transfer::receiveBody) &&
            set(CURLOPT_HEADERFUNCTION, Transfer::receiveHeader);
 }
 
