@@ -1,5 +1,5 @@
+#include "tests/support/covered_file.h"
 #include "tests/support/crash_server_test.h"
-#include "tests/support/hidden_file.h"
 #include "tests/support/messages.h"
 
 #include <dlfcn.h>
@@ -208,7 +208,7 @@ TEST_F(NetworkTest, TheNextServerSendsWhatAFreshCrashCouldNot) {
 
 TEST_F(NetworkTest, AMachineWithoutLibcurlKeepsThePairsForOneThatHasIt) {
     {
-        const HiddenFile hidden(curlLibrary());
+        const CoveredFile hidden(curlLibrary(), "/dev/null");
         const auto application = startGuarded();
         application->annotate({record("product", "sample")});
         for (size_t crash = 1; crash <= 2; ++crash) {

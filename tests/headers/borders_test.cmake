@@ -1,5 +1,5 @@
-# Includes run one way: common/ knows nobody, crash/ knows common/, buildinfo/ knows nobody; and libcurl's headers are
-# included where it is wrapped. cmake -DSOURCE=... -P THIS
+# Includes run one way: common/ knows nobody, crash/ and collector/ know common/, buildinfo/ knows nobody; and libcurl's
+# headers are included where it is wrapped. cmake -DSOURCE=... -P THIS
 
 # expect_no_include(FOLDER PATTERN WHY): no file of the product in FOLDER includes what PATTERN matches.
 function(expect_no_include folder pattern why)
@@ -19,6 +19,7 @@ endfunction()
 
 expect_no_include(common "crash/|buildinfo/|client/|collector/|tools/|tests/" "common/ stands at the bottom.")
 expect_no_include(crash "buildinfo/|collector/|tools/|tests/|curl/" "crash/ includes common/ and Breakpad's dump server.")
+expect_no_include(collector "crash/|buildinfo/|client/|tools/|tests/|curl/" "collector/ includes common/ and Breakpad's processor.")
 expect_no_include(buildinfo "common/|crash/|collector/|tools/|tests/" "buildinfo/ knows nobody.")
 
 file(GLOB files ${SOURCE}/common/*.h ${SOURCE}/common/*.cpp)

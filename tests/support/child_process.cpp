@@ -121,4 +121,9 @@ bool ChildProcess::receive() {
     return true;
 }
 
+bool hasChild() {
+    siginfo_t ignored = {};
+    return waitid(P_ALL, 0, &ignored, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
 } // namespace vantor::test

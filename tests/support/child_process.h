@@ -27,6 +27,8 @@ public:
     std::string readLine();
     /// All that is still to come.
     std::string readToEnd();
+    /// -1 once the child was waited for.
+    pid_t pid() const { return m_pid; }
     /// Does nothing once the child was waited for.
     void sendSignal(int number) const;
     /// Waits for the child's end: its exit status, or the negative number of the signal that ended it.
@@ -39,5 +41,8 @@ private:
     Descriptor m_output;
     std::string m_received; // and not handed out yet
 };
+
+/// Whether this process has a child, of this class or another, that was not waited for.
+bool hasChild();
 
 } // namespace vantor::test

@@ -4,8 +4,10 @@ namespace vantor::test {
 
 const char* const kCrashServer = CRASH_SERVER;
 const char* const kImpatientCrashServer = CRASH_SERVER_IMPATIENT;
+const char* const kCrashCollector = CRASH_COLLECTOR;
 const char* const kTestApplication = TEST_APPLICATION;
 const char* const kDumpSyms = DUMP_SYMS;
 const char* const kMinidumpStackwalk = MINIDUMP_STACKWALK;
+const char* const kSymUpload = SYM_UPLOAD;
 
 } // namespace vantor::test

@@ -7,8 +7,10 @@ namespace vantor::test {
 extern const char* const kCrashServer;
 /// The crash server with an uploader that gives up after 2 seconds.
 extern const char* const kImpatientCrashServer;
+extern const char* const kCrashCollector;
 extern const char* const kTestApplication;
 extern const char* const kDumpSyms;
 extern const char* const kMinidumpStackwalk;
+extern const char* const kSymUpload;
 
 } // namespace vantor::test

@@ -1,4 +1,4 @@
-#include "tests/support/hidden_file.h"
+#include "tests/support/covered_file.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -6,14 +6,14 @@
 
 namespace vantor::test {
 
-HiddenFile::HiddenFile(std::string path) : m_path(std::move(path)) {
-    if (mount("/dev/null", m_path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+CoveredFile::CoveredFile(std::string path, const std::string& cover) : m_path(std::move(path)) {
+    if (mount(cover.c_str(), m_path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
         perror(m_path.c_str());
         abort();
     }
 }
 
-HiddenFile::~HiddenFile() {
+CoveredFile::~CoveredFile() {
     (void)umount2(m_path.c_str(), MNT_DETACH); // it goes with the namespace at the latest
 }
 
