@@ -14,6 +14,7 @@ set(VANTOR_BREAKPAD_DIR "" CACHE PATH
     "A folder with Breakpad's sources (breakpad/ and third_party/lss/ below it); empty: the pinned npm package")
 set(VANTOR_SANITIZE "" CACHE STRING "Sanitizers for our own code, for instance address,undefined or thread")
 option(VANTOR_BUILD_TESTS "Build the tests and what they run" ON)
+option(VANTOR_BUILD_FUZZERS "Build the fuzz targets: with Clang, and fuzzer-no-link among VANTOR_SANITIZE" OFF)
 option(VANTOR_BUILD_BENCHMARKS "Build the benchmarks and their yardsticks" OFF)
 
 if(NOT CMAKE_BUILD_TYPE)
