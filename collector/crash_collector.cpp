@@ -58,7 +58,7 @@ std::string symbolKeyOf(const Options& options) {
     if (options.symbol_key_file.empty())
         return "";
     const std::string text = contentOf(options.symbol_key_file);
-    const std::string key = text.substr(0, text.find('\n'));
+    std::string key = text.substr(0, text.find('\n'));
     if (key.empty())
         throw std::runtime_error(options.symbol_key_file + " does not begin with a line that is a key");
     return key;
@@ -78,7 +78,7 @@ HttpServer::Options serverOptions(const Options& options) {
 
 /// crash_walker, which is installed beside this program.
 std::string walkerProgram() {
-    const std::string program =
+    std::string program =
         std::filesystem::read_symlink("/proc/self/exe").parent_path() / "crash_walker";
     if (access(program.c_str(), X_OK) != 0)
         throw std::runtime_error(program + " cannot be run: " + strerror(errno) +

@@ -29,7 +29,7 @@ struct HttpResponse {
     /// Seconds after which another try may help; none is said for 0.
     unsigned int retry_after = 0;
     /// The methods that the path knows, for the status 405.
-    std::string allowed_methods = "";
+    std::string allowed_methods;
 };
 
 /// Takes the body of one request, and answers it. Called by one thread at a time.
