@@ -129,6 +129,8 @@ int reap(pid_t child) {
 }
 
 ChildEnd endOf(int status, const ChildLimits& limits) {
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kCannotBegin)
+        return {ChildEnd::Kind::NotRun, 0, "its process could not take its limits on."};
     if (WIFEXITED(status))
         return {ChildEnd::Kind::Exited, WEXITSTATUS(status), ""};
 
@@ -164,6 +166,13 @@ void setLimit(__rlimit_resource resource, uint64_t soft, uint64_t hard) {
 void require(bool condition) {
     if (!condition)
         _exit(kCannotBegin);
+}
+
+/// A machine that runs out of memory shall take this process rather than the one that started it.
+void sacrificeFirst() {
+    const Descriptor file(open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
+    [[maybe_unused]] const ssize_t ignored =
+        write(file.get(), "1000", 4); // without it, it is a guess of the kernel's
 }
 
 } // namespace
@@ -225,6 +234,7 @@ std::vector<std::string> enterLimits(int argc, char** argv) {
     require(prctl(PR_SET_PDEATHSIG, SIGKILL) == 0);
     require(static_cast<unsigned long long>(getppid()) == number(2)); // or it died before the line above
     require(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0);
+    sacrificeFirst();
     require(prctl(PR_SET_DUMPABLE, 0) == 0); // no core dump, to a program neither, which RLIMIT_CORE allows
     require(close_range(STDERR_FILENO + 1, std::numeric_limits<unsigned int>::max(), 0) == 0);
 

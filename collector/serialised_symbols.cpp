@@ -83,7 +83,7 @@ std::optional<std::string> readAll(int descriptor, size_t count) {
 }
 
 Descriptor openToRead(const std::string& path) {
-    return Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    return Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
 } // namespace
@@ -149,9 +149,8 @@ Serialised serialiseSymbols(const std::string& symbol_path, int output) {
                                                                         : Serialised::NotNow;
 }
 
-bool writeUnusableForm(const std::string& symbol_path, int output) {
-    struct stat status = {};
-    return stat(symbol_path.c_str(), &status) == 0 && writeForm(output, headerFor(status, 0), nullptr);
+bool writeUnusableForm(const struct stat& symbols, int output) {
+    return writeForm(output, headerFor(symbols, 0), nullptr);
 }
 
 } // namespace vantor::collector

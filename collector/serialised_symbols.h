@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <string>
+#include <sys/stat.h>
 
 namespace vantor::collector {
 
@@ -51,7 +52,8 @@ enum class Serialised {
 /// and the life of the process: meant for a child process.
 Serialised serialiseSymbols(const std::string& symbol_path, int output);
 
-/// Writes the form that says that the symbols cannot be serialised. False when it could not be written.
-bool writeUnusableForm(const std::string& symbol_path, int output);
+/// Writes the form that says that the symbols of this status cannot be serialised. False when it could not be
+/// written.
+bool writeUnusableForm(const struct stat& symbols, int output);
 
 } // namespace vantor::collector

@@ -32,10 +32,13 @@ using google_breakpad::StackFrame;
 using google_breakpad::StackFrameAMD64;
 
 // What no honest crash exceeds; a hostile one costs little more.
-constexpr uint32_t kMostThreads = 65'536;
-constexpr uint32_t kMostFrames = 1024;     // of one thread; an endless recursion shows itself in fewer
-constexpr size_t kMostNameBytes = 4096;    // of a function: templates have long ones
-constexpr size_t kMostTextBytes = 2 << 20; // before further threads are only counted
+constexpr uint32_t kMostThreads = 4096;
+constexpr uint32_t kMostFrames = 1024;  // of one thread; an endless recursion shows itself in fewer
+constexpr size_t kMostNameBytes = 1024; // of a function: templates have long ones
+// Of the text: what would go beyond is counted and not shown. Half of it is for the crashing thread, and
+// another quarter for the others.
+constexpr size_t kMostTextBytes = size_t(1) << 20;
+constexpr size_t kMostMissingModules = 200;
 
 std::string hex(uint64_t number) {
     std::array<char, 20> text = {};
@@ -95,6 +98,8 @@ std::string framesText(const CallStack& stack) {
         std::array<char, 16> label = {};
         (void)snprintf(label.data(), label.size(), "%2d  ", number++); // it fits
         text += label.data() + frameText(*frame) + (isGuess(*frame) ? " (a guess)\n" : "\n");
+        if (text.size() > kMostTextBytes / 2)
+            return text + "  further frames are not shown\n";
     }
     if (stack.frames()->size() >= kMostFrames)
         text += "  and perhaps more: no more than these are walked\n";
@@ -163,7 +168,7 @@ private:
     std::string crashedIn() const;
     std::string threadText(size_t index) const;
     std::string otherThreadsText(size_t text_bytes) const;
-    std::string modulesText() const;
+    std::string modulesText(size_t text_bytes) const;
     std::string symbolsText() const;
     bool hasRequestingThread() const;
     size_t requestingThread() const { return static_cast<size_t>(m_state.requesting_thread()); }
@@ -206,7 +211,8 @@ std::string Walk::textOf(std::istream& dump) {
         text += threadText(requestingThread());
     }
     text += otherThreadsText(text.size());
-    return text + modulesText() + symbolsText();
+    text += modulesText(text.size());
+    return text + symbolsText();
 }
 
 bool Walk::hasRequestingThread() const {
@@ -274,7 +280,7 @@ std::string Walk::otherThreadsText(size_t text_bytes) const {
     for (size_t index = 0; index < count; ++index) {
         if (hasRequestingThread() && index == requestingThread())
             continue;
-        if (text_bytes + text.size() > kMostTextBytes)
+        if (text_bytes + text.size() > kMostTextBytes * 3 / 4)
             return text + "\nOther threads are not shown: there are " + std::to_string(count) + " in all.\n";
         text += '\n';
         text += threadText(index);
@@ -282,7 +288,8 @@ std::string Walk::otherThreadsText(size_t text_bytes) const {
     return text;
 }
 
-std::string Walk::modulesText() const {
+/// `text_bytes` have been used of the room there is.
+std::string Walk::modulesText(size_t text_bytes) const {
     if (m_state.modules() == nullptr)
         return "\nModules: none\n";
 
@@ -293,6 +300,8 @@ std::string Walk::modulesText() const {
         if (module == nullptr)
             continue;
 
+        if (text_bytes + text.size() > kMostTextBytes)
+            return text + "  further modules are not shown: there are " + std::to_string(count) + " in all\n";
         const uint64_t base = module->base_address();
         text += "  " + hex(base) + " - " + hex(base + module->size() - 1) + "  " +
                 fileName(module->code_file()) + "  " + name(module->debug_identifier()) + "\n";
@@ -304,11 +313,15 @@ std::string Walk::modulesText() const {
 /// Breakpad may list a module several times.
 std::string Walk::symbolsText() const {
     std::set<SymbolModule> missing;
-    for (const CodeModule* module : *m_state.modules_without_symbols())
-        missing.insert(moduleOf(*module));
+    for (const CodeModule* module : *m_state.modules_without_symbols()) {
+        if (missing.size() < kMostMissingModules)
+            missing.insert(moduleOf(*module));
+    }
     std::set<SymbolModule> faulty(m_supplier.unusable().begin(), m_supplier.unusable().end());
-    for (const CodeModule* module : *m_state.modules_with_corrupt_symbols())
-        faulty.insert(moduleOf(*module));
+    for (const CodeModule* module : *m_state.modules_with_corrupt_symbols()) {
+        if (faulty.size() < kMostMissingModules)
+            faulty.insert(moduleOf(*module));
+    }
 
     std::string text;
     for (const SymbolModule& module : missing)

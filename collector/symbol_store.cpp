@@ -161,8 +161,9 @@ SymbolStore::serialise(const SymbolModule& module,
                        const std::function<Serialised(const std::string& symbol_path, int output)>& write) {
     const std::string symbol_path = symbolPath(module);
     const std::string directory = parentOf(symbol_path);
+    struct stat symbols = {}; // as they are before: those that replace them meanwhile get no blame
     ReplacementFile file(m_directory);
-    if (!file.isOpen())
+    if (!file.isOpen() || stat(symbol_path.c_str(), &symbols) != 0)
         return Serialised::NotNow;
 
     const Serialised result = write(symbol_path, file.descriptor());
@@ -170,7 +171,7 @@ SymbolStore::serialise(const SymbolModule& module,
         return result;
     if (result == Serialised::Unusable &&
         (ftruncate(file.descriptor(), 0) != 0 || lseek(file.descriptor(), 0, SEEK_SET) != 0 ||
-         !writeUnusableForm(symbol_path, file.descriptor())))
+         !writeUnusableForm(symbols, file.descriptor())))
         return Serialised::NotNow;
     return file.takePlaceOf(serialisedPath(module), directory) ? result : Serialised::NotNow;
 }

@@ -95,12 +95,12 @@ WalkChild::WalkChild(std::string program, std::string symbols, const ChildLimits
 std::optional<std::string> WalkChild::walk(const std::string& dump_path) {
     const Descriptor output(memfd_create("stack trace", MFD_CLOEXEC));
     if (!output.isOpen())
-        return failedWalkText(std::string("its process could not be started: ") + strerror(errno) + ".");
+        return std::nullopt;
 
     const ChildEnd end = m_child.run({kWalk, dump_path, m_symbols}, output.get(), m_walk_limits);
-    if (m_child.isStopped())
+    if (m_child.isStopped() || end.kind == ChildEnd::Kind::NotRun)
         return std::nullopt;
-    if (end.kind != ChildEnd::Kind::Exited)
+    if (end.kind == ChildEnd::Kind::Failed)
         return failedWalkText(end.why);
     if (end.status != 0)
         return failedWalkText("its process ended with status " + std::to_string(end.status) + ".");

@@ -9,8 +9,8 @@
 namespace vantor::collector {
 
 /// For the walk of a dump. It reads the symbols that it needs, mapped; the text is all that it writes.
-inline constexpr ChildLimits kWalkLimits = {.address_space_bytes = uint64_t{4} << 30U,
-                                            .cpu_seconds = 10,
+inline constexpr ChildLimits kWalkLimits = {.address_space_bytes = uint64_t{2} << 30U,
+                                            .cpu_seconds = 5,
                                             .time = Duration(30'000'000'000),
                                             .output_bytes = uint64_t{32} << 20U,
                                             .open_files = 32};
@@ -32,8 +32,9 @@ public:
     WalkChild(std::string program, std::string symbols, const ChildLimits& walk_limits = kWalkLimits,
               const ChildLimits& serialising_limits = kSerialisingLimits);
 
-    /// The stack trace of the dump at `dump_path`, without parameters: whatever goes wrong, a text that says
-    /// what (see stack_text.h). Nothing when it was stopped.
+    /// The stack trace of the dump at `dump_path`, without parameters: whatever the dump does, a text that
+    /// says what went wrong (see stack_text.h). Nothing when it was stopped, or when the child could not be
+    /// run now: that is no fault of the dump.
     std::optional<std::string> walk(const std::string& dump_path);
     /// As serialiseSymbols().
     Serialised serialise(const std::string& symbol_path, int output);

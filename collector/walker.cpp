@@ -2,13 +2,14 @@
 
 #include "collector/stack_text.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace vantor::collector {
 
 namespace {
 
-constexpr Duration kRecheckPeriod(60'000'000'000); // a wait may end for no reason; every change is notified
+constexpr Duration kRetryPeriod(60'000'000'000);
 
 template <typename Value>
 std::optional<Value> takeLast(std::vector<Value>* values) {
@@ -41,7 +42,8 @@ Walker::~Walker() {
 
 void Walker::walk(const std::string& name) {
     MutexLock lock(m_mutex);
-    m_arrived.push_back(name);
+    if (std::find(m_arrived.begin(), m_arrived.end(), name) == m_arrived.end())
+        m_arrived.push_back(name);
     m_changed.notifyAll();
 }
 
@@ -66,14 +68,21 @@ void Walker::work() {
 bool Walker::waitForWork() {
     MutexLock lock(m_mutex);
     while (!m_is_stopping && m_arrived.empty() && m_arrived_modules.empty() && m_waiting.empty() &&
-           m_unread.empty())
-        m_changed.timedWaitRelative(m_mutex, kRecheckPeriod);
+           m_unread.empty()) {
+        m_changed.timedWaitRelative(m_mutex, kRetryPeriod);
+        m_waiting.swap(m_later);
+    }
     return !m_is_stopping;
 }
 
 std::optional<std::string> Walker::takeArrivedReport() {
     MutexLock lock(m_mutex);
-    return takeLast(&m_arrived);
+    if (m_arrived.empty())
+        return std::nullopt;
+
+    std::string first = std::move(m_arrived.front());
+    m_arrived.pop_front();
+    return first;
 }
 
 std::optional<SymbolModule> Walker::takeArrivedModule() {
@@ -86,13 +95,13 @@ std::optional<SymbolModule> Walker::takeArrivedModule() {
 void Walker::doOnePiece() {
     if (const std::optional<std::string> arrived = takeArrivedReport())
         return walkNow(*arrived);
+    if (!m_waiting.empty())
+        return walkNow(std::string(*m_waiting.begin()));
     if (const std::optional<std::string> unread = takeLast(&m_unread))
         return readText(*unread);
     if (const std::optional<SymbolModule> module = takeArrivedModule()) {
         m_waiting.merge(m_lacking[*module]);
         m_lacking.erase(*module);
-    } else if (!m_waiting.empty()) {
-        walkNow(std::string(*m_waiting.begin()));
     }
 }
 
@@ -109,20 +118,20 @@ void Walker::readText(const std::string& name) {
 
 void Walker::walkNow(const std::string& name) {
     m_waiting.erase(name);
+    m_later.erase(name);
     const std::optional<std::string> dump_path = m_reports.dump_path(name);
     if (!dump_path)
         return;
 
     const std::optional<std::string> trace = traceOf(*dump_path);
-    if (!trace)
-        return;
-
     const Params params = m_reports.params(name);
-    if (m_reports.store_stack(name, withParameters(*trace, params), params))
+    if (trace && m_reports.store_stack(name, withParameters(*trace, params), params))
         noteMissingModules(name, *trace);
+    else
+        m_later.insert(name);
 }
 
-/// Nothing when the walker stops.
+/// Nothing when the walker stops, or the dump cannot be walked now.
 std::optional<std::string> Walker::traceOf(const std::string& dump_path) {
     while (true) {
         std::optional<std::string> text = m_child.walk(dump_path);

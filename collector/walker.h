@@ -7,6 +7,7 @@
 #include "common/mutex.h"
 #include "common/thread.h"
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -31,12 +32,12 @@ struct WalkerReports {
     std::function<bool(const std::string& name, const std::string& text, const Params& params)> store_stack;
 };
 
-/// Walks reports on a thread of its own, one after the other: those that arrive, newest first; then those
+/// Walks reports on a thread of its own, one after the other: those that arrive, in their order; then those
 /// that were left when the process ended before; and again those whose symbols have arrived since.
 ///
-/// A report whose text cannot be stored is left for the next start. Reports that lack a module are found
-/// through the texts, which are read once at the start; those whose symbols are there by then are walked
-/// again.
+/// A report that cannot be walked now, or whose text cannot be stored, is tried again: when another one
+/// arrives, or after a minute. Reports that lack a module are found through the texts, which are read once at
+/// the start; those whose symbols are there by then are walked again.
 ///
 /// Any thread may call it.
 class Walker {
@@ -71,12 +72,13 @@ private:
 
     // The thread's own.
     std::vector<std::string> m_unread; // their texts have not been looked at yet
+    std::set<std::string> m_later;     // to be tried again
     std::set<std::string> m_waiting;   // left by an earlier process, or to be walked again
     std::map<SymbolModule, std::set<std::string>> m_lacking; // reports by the module that they lacked
 
     Mutex m_mutex;
     ConditionVariable m_changed;
-    std::vector<std::string> m_arrived VANTOR_GUARDED_BY(m_mutex);
+    std::deque<std::string> m_arrived VANTOR_GUARDED_BY(m_mutex); // each once
     std::vector<SymbolModule> m_arrived_modules VANTOR_GUARDED_BY(m_mutex);
     bool m_is_stopping VANTOR_GUARDED_BY(m_mutex) = false;
 
