@@ -16,7 +16,8 @@ bool isBearable(uint64_t bytes, uint64_t most_bytes) {
 } // namespace
 
 FormReceiver::FormReceiver(const std::string& boundary, const FormLimits& limits,
-                           std::unique_ptr<FormSink> sink, std::function<HttpResponse()> finish)
+                           std::unique_ptr<FormSink> sink,
+                           std::function<HttpResponse(const std::optional<Rejection>&)> finish)
     : m_most_bytes(limits.body_bytes),
       m_sink(std::move(sink)),
       m_reader(boundary, limits, *m_sink),
@@ -24,13 +25,13 @@ FormReceiver::FormReceiver(const std::string& boundary, const FormLimits& limits
 
 bool FormReceiver::take(std::string_view piece) {
     m_bytes += piece.size();
-    (void)m_reader.feed(piece); // what is wrong is said at the end
+    if (m_reader.feed(piece))
+        m_sink.reset(); // the reader does not call it any more; what is wrong is said at the end
     return isBearable(m_bytes, m_most_bytes);
 }
 
 HttpResponse FormReceiver::answer() {
-    const std::optional<Rejection>& rejection = m_reader.finish();
-    return rejection ? refusal(*rejection) : m_finish();
+    return m_finish(m_reader.finish());
 }
 
 FileReceiver::FileReceiver(std::unique_ptr<TemporaryFile> file, uint64_t most_bytes,

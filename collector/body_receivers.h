@@ -17,9 +17,10 @@ namespace vantor::collector {
 /// Receives a form for a sink, and then does what is to be done with it.
 class FormReceiver : public BodyReceiver {
 public:
-    /// `finish` is called when the whole form has arrived and the sink has taken it; it may use the sink.
+    /// `finish` is called after the last piece: with why the form is refused, or with nothing when the sink,
+    /// which it may then use, has taken all of it. A sink goes as soon as its form is refused.
     FormReceiver(const std::string& boundary, const FormLimits& limits, std::unique_ptr<FormSink> sink,
-                 std::function<HttpResponse()> finish);
+                 std::function<HttpResponse(const std::optional<Rejection>&)> finish);
 
     bool take(std::string_view piece) override;
     HttpResponse answer() override;
@@ -29,7 +30,7 @@ private:
     uint64_t m_bytes = 0;
     std::unique_ptr<FormSink> m_sink;
     FormReader m_reader;
-    std::function<HttpResponse()> m_finish;
+    std::function<HttpResponse(const std::optional<Rejection>&)> m_finish;
 };
 
 /// Receives a body into a file.

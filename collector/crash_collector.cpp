@@ -10,6 +10,7 @@
 #include "collector/walker.h"
 #include "collector/web.h"
 #include "common/descriptor_limit.h"
+#include "common/file.h"
 #include "common/logging.h"
 
 #include <algorithm>
@@ -19,8 +20,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <pthread.h>
 #include <stdexcept>
@@ -46,10 +45,12 @@ void waitForEnd(const sigset_t& signals) {
 }
 
 std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string text(std::istreambuf_iterator<char>(file), {});
-    if (!file || text.empty())
-        throw std::runtime_error(path + " cannot be read: " + (errno != 0 ? strerror(errno) : "it is empty"));
+    errno = 0;
+    const std::shared_ptr<File> file = File::open(path, "r", true);
+    std::string text;
+    if (file == nullptr || file->read(&text, file->size()) <= 0)
+        throw std::runtime_error(
+            path + " cannot be read: " + (errno != 0 ? strerror(errno) : "it is empty, or no file"));
     return text;
 }
 
@@ -58,7 +59,7 @@ std::string symbolKeyOf(const Options& options) {
     if (options.symbol_key_file.empty())
         return "";
     const std::string text = contentOf(options.symbol_key_file);
-    std::string key = text.substr(0, text.find('\n'));
+    std::string key = text.substr(0, text.find_first_of("\r\n"));
     if (key.empty())
         throw std::runtime_error(options.symbol_key_file + " does not begin with a line that is a key");
     return key;
@@ -73,13 +74,13 @@ HttpServer::Options serverOptions(const Options& options) {
             .certificate = contentOf(options.certificate_file),
             .key = contentOf(options.key_file),
             .connections = bounded(options.connections),
+            .connections_per_address = bounded(options.connections_per_address),
             .silence_seconds = bounded(options.silence_seconds)};
 }
 
 /// crash_walker, which is installed beside this program.
 std::string walkerProgram() {
-    std::string program =
-        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "crash_walker";
+    std::string program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "crash_walker";
     if (access(program.c_str(), X_OK) != 0)
         throw std::runtime_error(program + " cannot be run: " + strerror(errno) +
                                  "; it belongs beside crash_collector");
@@ -115,7 +116,7 @@ void serve(const Options& options) {
     const HttpServer::Options server_options = serverOptions(options);
     (void)raiseDescriptorLimit(); // one for each connection
 
-    ReportStore reports(options.data_directory);
+    ReportStore reports(options.data_directory, options.keep_free_bytes);
     if (const std::optional<std::string> complaint = reports.recover())
         throw std::runtime_error(*complaint);
     SymbolStore symbols(options.symbols_directory);

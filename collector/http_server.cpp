@@ -12,6 +12,7 @@
 #include <cstring>
 #include <microhttpd.h>
 #include <netinet/in.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vantor::collector {
@@ -20,6 +21,7 @@ namespace {
 
 constexpr unsigned int kThreads = 8;                     // each may wait for the disk while the others serve
 constexpr size_t kBytesPerConnection = size_t(16) << 10; // of a header, and of what was read of a body
+constexpr uint64_t kMostReadOver = uint64_t(256) << 20;  // bytes of a body that nobody wants
 constexpr Duration kEndPatience(10'000'000'000);
 constexpr const char* kTls = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
 
@@ -75,19 +77,25 @@ HttpRequest requestOf(MHD_Connection* connection, const char* path, const char* 
     request.host = valueOf(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_HOST);
     request.content_type = valueOf(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE);
     request.content_length = numberIn(valueOf(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH));
+    request.expects_continue = !valueOf(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_EXPECT).empty();
     const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
     request.client = info != nullptr ? textOf(info->client_addr) : "?";
     return request;
 }
 
-bool hasBody(MHD_Connection* connection, const HttpRequest& request) {
-    return request.content_length.value_or(0) > 0 ||
-           !valueOf(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_TRANSFER_ENCODING).empty();
+MHD_Response* messageOf(const HttpResponse& response) {
+    if (response.file == nullptr)
+        return MHD_create_response_from_buffer(response.body.size(), const_cast<char*>(response.body.data()),
+                                               MHD_RESPMEM_MUST_COPY);
+    struct stat status = {};
+    const int descriptor = dup(response.file->get()); // which the message closes
+    if (descriptor == -1 || fstat(descriptor, &status) != 0)
+        return nullptr;
+    return MHD_create_response_from_fd64(static_cast<uint64_t>(status.st_size), descriptor);
 }
 
 MHD_Result send(MHD_Connection* connection, const HttpResponse& response) {
-    MHD_Response* message = MHD_create_response_from_buffer(
-        response.body.size(), const_cast<char*>(response.body.data()), MHD_RESPMEM_MUST_COPY);
+    MHD_Response* message = messageOf(response);
     if (message == nullptr)
         return MHD_NO;
 
@@ -113,11 +121,15 @@ class ReadyAnswer : public BodyReceiver {
 public:
     explicit ReadyAnswer(HttpResponse answer) : m_answer(std::move(answer)) {}
 
-    bool take(std::string_view) override { return true; }
+    bool take(std::string_view piece) override {
+        m_bytes += piece.size();
+        return m_bytes <= kMostReadOver;
+    }
     HttpResponse answer() override { return std::move(m_answer); }
 
 private:
     HttpResponse m_answer;
+    uint64_t m_bytes = 0;
 };
 
 /// What the library has complained of first: the later ones follow from it.
@@ -185,9 +197,8 @@ MHD_Result HttpServer::Impl::onRequest(void* self, MHD_Connection* connection, c
 MHD_Result HttpServer::Impl::begin(MHD_Connection* connection, const HttpRequest& request, void** receiver) {
     HttpDecision decision = decide(request);
     if (HttpResponse* response = std::get_if<HttpResponse>(&decision)) {
-        if (hasBody(connection, request))
-            return send(connection,
-                        *response); // and the library closes the connection: nothing needs the body
+        if (request.expects_continue || request.content_length.value_or(0) > kMostReadOver)
+            return send(connection, *response); // and the library closes the connection
         decision = std::make_unique<ReadyAnswer>(std::move(*response));
     }
 
@@ -221,20 +232,21 @@ HttpServer::HttpServer(const Options& options, const std::function<HttpDecision(
     if (!address)
         throw StartError("'" + options.address + "' is no numeric address");
 
-    const unsigned int family = address->any.sa_family == AF_INET6 ? MHD_USE_IPv6 : 0;
+    const unsigned int family = address->any.sa_family == AF_INET6 ? MHD_USE_DUAL_STACK : 0;
     m_impl->daemon = MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_TLS | MHD_USE_ITC | MHD_USE_ERROR_LOG | family, options.port,
-        nullptr, nullptr, &Impl::onRequest, m_impl.get(),                   //
-        MHD_OPTION_EXTERNAL_LOGGER, &Complaints::take, &m_impl->complaints, // first, to hear of the rest
-        MHD_OPTION_SOCK_ADDR, &address->any,                                //
-        MHD_OPTION_HTTPS_MEM_CERT, options.certificate.c_str(),             //
-        MHD_OPTION_HTTPS_MEM_KEY, options.key.c_str(),                      //
-        MHD_OPTION_HTTPS_PRIORITIES, kTls,                                  //
-        MHD_OPTION_NOTIFY_COMPLETED, &Impl::onEnd, m_impl.get(),            //
-        MHD_OPTION_THREAD_POOL_SIZE, kThreads,                              //
-        MHD_OPTION_CONNECTION_LIMIT, options.connections,                   //
-        MHD_OPTION_CONNECTION_TIMEOUT, options.silence_seconds,             //
-        MHD_OPTION_CONNECTION_MEMORY_LIMIT, kBytesPerConnection,            //
+        nullptr, nullptr, &Impl::onRequest, m_impl.get(),                    //
+        MHD_OPTION_EXTERNAL_LOGGER, &Complaints::take, &m_impl->complaints,  // first, to hear of the rest
+        MHD_OPTION_SOCK_ADDR, &address->any,                                 //
+        MHD_OPTION_HTTPS_MEM_CERT, options.certificate.c_str(),              //
+        MHD_OPTION_HTTPS_MEM_KEY, options.key.c_str(),                       //
+        MHD_OPTION_HTTPS_PRIORITIES, kTls,                                   //
+        MHD_OPTION_NOTIFY_COMPLETED, &Impl::onEnd, m_impl.get(),             //
+        MHD_OPTION_THREAD_POOL_SIZE, kThreads,                               //
+        MHD_OPTION_CONNECTION_LIMIT, options.connections,                    //
+        MHD_OPTION_PER_IP_CONNECTION_LIMIT, options.connections_per_address, //
+        MHD_OPTION_CONNECTION_TIMEOUT, options.silence_seconds,              //
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, kBytesPerConnection,             //
         MHD_OPTION_END);
     if (m_impl->daemon == nullptr)
         throw StartError(m_impl->complaints.get());

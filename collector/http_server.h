@@ -1,5 +1,7 @@
 #pragma once
 
+#include "collector/descriptor.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -19,6 +21,7 @@ struct HttpRequest {
     std::string host; ///< as the client names this server
     std::string content_type;
     std::optional<uint64_t> content_length; ///< none for a body of unknown length, and for no body
+    bool expects_continue = false;          ///< the client sends its body when it is asked to
     std::string client;                     ///< the address it comes from
 };
 
@@ -26,6 +29,8 @@ struct HttpResponse {
     unsigned int status = 200;
     std::string content_type = "text/plain; charset=utf-8";
     std::string body;
+    /// In the place of `body`: a file, which is sent as it is read. It must not shrink meanwhile.
+    std::shared_ptr<const Descriptor> file;
     /// Seconds after which another try may help; none is said for 0.
     unsigned int retry_after = 0;
     /// The methods that the path knows, for the status 405.
@@ -43,8 +48,9 @@ public:
     virtual HttpResponse answer() = 0;
 };
 
-/// What is done about a request, as its header alone decides: it is answered at once, whatever body it may
-/// have, or its body is received.
+/// What is done about a request, as its header alone decides: it is answered, whatever body it may have, or
+/// its body is received. A body that nobody wants is read over, so that its sender gets to see the answer,
+/// unless it is enormous or was not sent yet.
 using HttpDecision = std::variant<HttpResponse, std::unique_ptr<BodyReceiver>>;
 
 /// An HTTPS server.
@@ -54,12 +60,13 @@ using HttpDecision = std::variant<HttpResponse, std::unique_ptr<BodyReceiver>>;
 class HttpServer {
 public:
     struct Options {
-        std::string address;              ///< numeric, IPv4 or IPv6
-        uint16_t port = 0;                ///< 0: any free one
-        std::string certificate;          ///< the chain, in PEM
-        std::string key;                  ///< in PEM
-        unsigned int connections = 0;     ///< at one time; more are closed as they come
-        unsigned int silence_seconds = 0; ///< after which a connection is closed
+        std::string address;                      ///< numeric, IPv4 or IPv6
+        uint16_t port = 0;                        ///< 0: any free one
+        std::string certificate;                  ///< the chain, in PEM
+        std::string key;                          ///< in PEM
+        unsigned int connections = 0;             ///< at one time; more wait for their turn
+        unsigned int connections_per_address = 0; ///< of those, from one address; more are closed
+        unsigned int silence_seconds = 0;         ///< after which a connection is closed
     };
 
     /// Why a server cannot be started, for the person who starts it.

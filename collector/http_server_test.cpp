@@ -45,6 +45,7 @@ protected:
         options.certificate = vantor::test::readFile(files.certificate);
         options.key = vantor::test::readFile(files.key);
         options.connections = 100;
+        options.connections_per_address = 100;
         options.silence_seconds = 30;
         return options;
     }

@@ -18,7 +18,7 @@ const char* const kUsage =
     "  --key FILE            the certificate's private key, in PEM\n"
     "  --data DIR            where reports are kept; made if it is missing\n"
     "  --listen ADDR:PORT    numeric, such as 0.0.0.0:8443 or [::]:8443 (127.0.0.1:8443)\n"
-    "  --symbols DIR         Breakpad's symbol store (DIR/symbols)\n"
+    "  --symbols DIR         Breakpad's symbol store (symbols/ in the data directory)\n"
     "  --symbol-key FILE     the key that sym_upload must show: the first line of FILE;\n"
     "                        without it no symbols are taken\n"
     "\n"
@@ -30,7 +30,9 @@ const char* const kUsage =
     "  --max-name BYTES      of a parameter's name (128)\n"
     "  --max-value BYTES     of a parameter's value (512)\n"
     "  --max-symbols BYTES   of a symbol file (1073741824)\n"
-    "  --connections COUNT   at one time (4096)\n"
+    "  --keep-free BYTES     of the disk: with less, nothing is taken (268435456)\n"
+    "  --connections COUNT   at one time; more wait for their turn (4096)\n"
+    "  --connections-per-address COUNT  of those; more are closed (1024)\n"
     "  --silence SECONDS     after which a connection is closed (60)\n"
     "\n"
     "  --help, --version\n";
@@ -59,6 +61,8 @@ constexpr Setting kSettings[] = {
     {"max-name", nullptr, [](Options& o) { return &o.form.name_bytes; }},
     {"max-value", nullptr, [](Options& o) { return &o.form.value_bytes; }},
     {"max-symbols", nullptr, [](Options& o) { return &o.most_symbol_bytes; }},
+    {"keep-free", nullptr, [](Options& o) { return &o.keep_free_bytes; }},
+    {"connections-per-address", nullptr, [](Options& o) { return &o.connections_per_address; }},
     {"connections", nullptr, [](Options& o) { return &o.connections; }},
     {"silence", nullptr, [](Options& o) { return &o.silence_seconds; }},
 };
@@ -132,13 +136,15 @@ std::optional<EarlyEnd> apply(int chosen, const std::string& value, Options* opt
     return std::nullopt;
 }
 
-std::optional<EarlyEnd> missingOption(const Options& options) {
+std::optional<EarlyEnd> faultOf(const Options& options) {
     if (options.certificate_file.empty())
         return wrong("--certificate is missing: the file of the server's certificate, in PEM");
     if (options.key_file.empty())
         return wrong("--key is missing: the file of the certificate's private key, in PEM");
     if (options.data_directory.empty())
         return wrong("--data is missing: the directory that reports are kept in");
+    if (options.form.file_bytes >= options.form.body_bytes)
+        return wrong("--max-body must be larger than --max-dump: a form has more in it than the dump");
     return std::nullopt;
 }
 
@@ -158,13 +164,14 @@ std::variant<Options, EarlyEnd> parseOptions(int argc, char** argv) {
         if (chosen == ':')
             return wrong(given + " wants a value");
         if (chosen == '?')
-            return wrong("there is no option " + given);
+            return wrong("there is no option " +
+                         (optopt != 0 ? std::string("-") + static_cast<char>(optopt) : given));
         if (std::optional<EarlyEnd> end = apply(chosen, optarg, &options))
             return *end;
     }
     if (optind < argc)
         return wrong(std::string("'") + argv[optind] + "' belongs to no option");
-    if (std::optional<EarlyEnd> end = missingOption(options))
+    if (std::optional<EarlyEnd> end = faultOf(options))
         return *end;
 
     if (options.symbols_directory.empty())

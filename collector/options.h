@@ -20,7 +20,9 @@ struct Options {
 
     FormLimits form;
     uint64_t most_symbol_bytes = uint64_t(1) << 30;
+    uint64_t keep_free_bytes = uint64_t(256) << 20;
     uint64_t connections = 4'096;
+    uint64_t connections_per_address = 1'024;
     uint64_t silence_seconds = 60;
 };
 

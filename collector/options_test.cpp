@@ -60,6 +60,8 @@ TEST(OptionsTest, HaveDefaults) {
     EXPECT_EQ(1'073'741'824U, options.most_symbol_bytes);
     EXPECT_EQ(4'096U, options.connections);
     EXPECT_EQ(60U, options.silence_seconds);
+    EXPECT_EQ(268'435'456U, options.keep_free_bytes);
+    EXPECT_EQ(1'024U, options.connections_per_address);
 }
 
 TEST(OptionsTest, AreWhatTheCommandLineSays) {
@@ -99,7 +101,9 @@ TEST(OptionsTest, SayWhatIsMissing) {
 
 TEST(OptionsTest, SayWhatIsWrong) {
     EXPECT_EQ("there is no option --frob", complaintOf(with({"--frob"})));
-    EXPECT_EQ("there is no option -x", complaintOf(with({"-x"})));
+    EXPECT_EQ("there is no option -x", complaintOf(with({"-xy"})));
+    EXPECT_EQ("--max-body must be larger than --max-dump: a form has more in it than the dump",
+              complaintOf(with({"--max-dump", "68157440"})));
     EXPECT_EQ("--data wants a value", complaintOf({"--data"}));
     EXPECT_EQ("--data must not be empty", complaintOf({"--data", ""}));
     EXPECT_EQ("'more' belongs to no option", complaintOf(with({"more"})));

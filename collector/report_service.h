@@ -12,7 +12,8 @@ namespace vantor::collector {
 /// What the network may do with reports: send them, and read their stack traces. Any thread may call.
 class ReportService {
 public:
-    /// `on_stored` is called with the name of each report that was stored. The store outlives the object.
+    /// `on_stored` is called with the name of each report that was stored and is to be walked. The store
+    /// outlives the object.
     ReportService(ReportStore& store, const FormLimits& limits,
                   std::function<void(const std::string&)> on_stored);
 
@@ -24,6 +25,8 @@ public:
     HttpResponse list() const;
 
 private:
+    void announceIfWaiting(const std::string& name) const;
+
     ReportStore& m_store;
     const FormLimits m_limits;
     const std::function<void(const std::string&)> m_on_stored;

@@ -11,6 +11,7 @@
 #include <set>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 #include <utility>
 
@@ -61,10 +62,14 @@ std::string errorText() {
     return std::system_category().message(errno);
 }
 
-std::optional<std::string> contentOf(const std::string& path) {
+std::optional<std::string> contentOf(const std::string& path, int64_t most_bytes = INT64_MAX) {
     const std::shared_ptr<File> file = File::open(path, "r", true);
+    if (file == nullptr)
+        return std::nullopt;
+
     std::string text;
-    if (file == nullptr || file->read(&text, file->size()) != file->size())
+    const int64_t count = std::min(file->size(), most_bytes);
+    if (file->read(&text, count) != count)
         return std::nullopt;
     return text;
 }
@@ -99,10 +104,11 @@ bool isReportName(std::string_view text) {
     return text.size() == kNameLength && text.find_first_not_of(kNameCharacters) == std::string_view::npos;
 }
 
-ReportStore::ReportStore(std::string directory)
+ReportStore::ReportStore(std::string directory, uint64_t keep_free)
     : m_directory(std::move(directory)),
       m_incoming(m_directory + "/incoming"),
-      m_reports(m_directory + "/reports") {}
+      m_reports(m_directory + "/reports"),
+      m_keep_free(keep_free) {}
 
 ReportStore::~ReportStore() {
     if (m_lock != -1)
@@ -149,7 +155,8 @@ void ReportStore::emptyIncoming() const {
 std::error_code ReportStore::findReports() {
     std::set<std::string> names;
     std::error_code error;
-    std::filesystem::recursive_directory_iterator entry(m_reports, error);
+    std::filesystem::recursive_directory_iterator entry(
+        m_reports, std::filesystem::directory_options::skip_permission_denied, error);
     for (; !error && entry != end(entry); entry.increment(error)) {
         const std::string name = entry->path().stem().string();
         if (isReportName(name) && directoryOf(name) == entry->path().parent_path())
@@ -176,6 +183,11 @@ std::error_code ReportStore::findReports() {
 }
 
 std::unique_ptr<TemporaryFile> ReportStore::newIncomingFile() const {
+    struct statvfs disk = {};
+    if (statvfs(m_incoming.c_str(), &disk) == 0 && disk.f_bavail * disk.f_frsize < m_keep_free) {
+        errno = ENOSPC;
+        return nullptr;
+    }
     return TemporaryFile::create(m_incoming);
 }
 
@@ -274,13 +286,28 @@ std::optional<Report> ReportStore::find(const std::string& name) const {
 std::vector<Report> ReportStore::newest(size_t count) const {
     std::vector<Report> reports;
     std::set<std::string> seen; // a report that was deleted and came again stands in the list twice
-    MutexLock lock(m_mutex);
-    for (auto name = m_arrivals.rbegin(); name != m_arrivals.rend() && reports.size() < count; ++name) {
-        const std::optional<Report> report = find(*name);
-        if (report && seen.insert(*name).second)
-            reports.push_back(*report);
+    for (size_t passed = 0; reports.size() < count;) {
+        const std::vector<std::string> names = arrivalsBefore(passed);
+        if (names.empty())
+            break;
+        passed += names.size();
+        for (const std::string& name : names) {
+            const std::optional<Report> report = find(name);
+            if (report && reports.size() < count && seen.insert(name).second)
+                reports.push_back(*report);
+        }
     }
     return reports;
+}
+
+/// Some of the names that arrived before the last `passed`, the last of them first. The files are looked at
+/// without the lock, for which those who store would have to wait.
+std::vector<std::string> ReportStore::arrivalsBefore(size_t passed) const {
+    constexpr size_t kSome = 1000;
+    MutexLock lock(m_mutex);
+    const size_t left = m_arrivals.size() - std::min(passed, m_arrivals.size());
+    const auto end = m_arrivals.rbegin() + static_cast<std::ptrdiff_t>(m_arrivals.size() - left);
+    return {end, end + static_cast<std::ptrdiff_t>(std::min(kSome, left))};
 }
 
 std::vector<std::string> ReportStore::notWalked() const {
@@ -300,9 +327,9 @@ std::optional<Params> ReportStore::params(const std::string& name) const {
     return text ? std::optional(parseParams(*text)) : std::nullopt;
 }
 
-std::optional<std::string> ReportStore::stack(const std::string& name) const {
+std::optional<std::string> ReportStore::stack(const std::string& name, int64_t most_bytes) const {
     const std::optional<Report> report = find(name);
-    return report && report->is_walked ? contentOf(report->stack_path) : std::nullopt;
+    return report && report->is_walked ? contentOf(report->stack_path, most_bytes) : std::nullopt;
 }
 
 bool ReportStore::storeStack(const std::string& name, const std::string& text, const Params& shown) {

@@ -5,6 +5,7 @@
 #include "common/mutex.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -43,8 +44,9 @@ struct Report {
 /// take no notice of whoever deletes files from outside: what has gone is not there.
 class ReportStore {
 public:
-    /// Touches nothing yet. `directory` belongs to one store at a time.
-    explicit ReportStore(std::string directory);
+    /// Touches nothing yet. `directory` belongs to one store at a time. `keep_free`: bytes of its file system
+    /// that are left to others; with fewer, nothing is received.
+    explicit ReportStore(std::string directory, uint64_t keep_free = 0);
     ~ReportStore();
     ReportStore(const ReportStore&) = delete;
     ReportStore& operator=(const ReportStore&) = delete;
@@ -77,8 +79,8 @@ public:
     /// Empty when there is no such report, or its parameters cannot be read.
     std::optional<Params> params(const std::string& name) const;
 
-    /// A report's stack trace; empty as long as there is none.
-    std::optional<std::string> stack(const std::string& name) const;
+    /// A report's stack trace, or its first `most_bytes`; empty as long as there is none.
+    std::optional<std::string> stack(const std::string& name, int64_t most_bytes = INT64_MAX) const;
 
     /// Gives a report its stack trace, in one step, in the place of one that it had. `shown` are the
     /// parameters that the text was made with: false, and nothing is stored, when the report has others by
@@ -86,6 +88,7 @@ public:
     bool storeStack(const std::string& name, const std::string& text, const Params& shown);
 
 private:
+    std::vector<std::string> arrivalsBefore(size_t passed) const;
     std::string directoryOf(const std::string& name) const;
     Report reportOf(const std::string& name) const;
     bool place(const std::string& name, TemporaryFile& dump, TemporaryFile& params_file, const Params& params)
@@ -101,6 +104,7 @@ private:
     const std::string m_directory;
     const std::string m_incoming;
     const std::string m_reports;
+    const uint64_t m_keep_free;
     int m_lock = -1; // the descriptor of m_incoming, locked against other collectors
 
     mutable Mutex m_mutex;                                          // no two threads change reports at once

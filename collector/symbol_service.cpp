@@ -97,8 +97,10 @@ HttpDecision SymbolService::receiveForm(const HttpRequest& request) {
 
     auto symbols = std::make_unique<IncomingSymbols>(std::move(file));
     const IncomingSymbols& incoming = *symbols;
-    return std::make_unique<FormReceiver>(*boundary, limits, std::move(symbols),
-                                          [this, &incoming] { return add(incoming.file(), "Added."); });
+    return std::make_unique<FormReceiver>(
+        *boundary, limits, std::move(symbols), [this, &incoming](const std::optional<Rejection>& rejection) {
+            return rejection ? refusal(*rejection) : add(incoming.file(), "Added.");
+        });
 }
 
 HttpDecision SymbolService::status(const HttpRequest& request, const std::string& module) {

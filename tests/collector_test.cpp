@@ -4,6 +4,8 @@
 #include "tests/support/crash_server_test.h"
 #include "tests/support/eventually.h"
 #include "tests/support/programs.h"
+#include "tests/support/small_disk.h"
+#include "tests/support/tls_client.h"
 
 #include <csignal>
 #include <filesystem>
@@ -38,9 +40,21 @@ protected:
         return names;
     }
 
+    /// Waits until these are there and no others: a request's temporary file goes just after its answer.
+    void expectFiles(const std::vector<std::string>& names) const {
+        EXPECT_TRUE(eventually([&] { return storedFiles() == names; }))
+            << testing::PrintToString(storedFiles());
+    }
+
     TemporaryDirectory m_directory;
     const CertificateAuthority m_authority{m_directory.path()};
 };
+
+/// Another report's name.
+std::string nameLike(std::string name, char first) {
+    name[0] = first;
+    return name;
+}
 
 /// The answer to a report of one dump, sent by curl.
 HttpAnswer post(const CollectorProcess& collector, const std::vector<std::string>& parts) {
@@ -92,7 +106,7 @@ TEST_F(CollectorTest, NothingButAReportsNameBecomesAPath) {
         EXPECT_EQ(400, answer.status) << name;
         EXPECT_EQ(answer.body.size() - 1, answer.body.find('\n')) << "one line: " << answer.body;
     }
-    EXPECT_THAT(storedFiles(), IsEmpty());
+    expectFiles({});
 }
 
 TEST_F(CollectorTest, AReportThatComesTwiceIsStoredOnceWithTheFullerParameters) {
@@ -116,7 +130,7 @@ TEST_F(CollectorTest, AFormThatIsCutAnywhereLeavesNothing) {
         form.size() - std::string("\r\n").size(); // what follows the last boundary does not matter
     for (size_t length = 0; length < whole; ++length)
         EXPECT_EQ(400, collector->send(reportRequest(form.substr(0, length))).status) << length;
-    EXPECT_THAT(storedFiles(), IsEmpty());
+    expectFiles({});
     EXPECT_EQ(200, collector->send(reportRequest(form.substr(0, whole))).status);
 }
 
@@ -128,7 +142,7 @@ TEST_F(CollectorTest, AWrongContentLengthLeavesNothing) {
     EXPECT_EQ(400, collector->send(head + std::to_string(form.size() - 10) + "\r\n\r\n" + form).status);
     EXPECT_EQ(400, collector->send(head + "-1\r\n\r\n" + form).status);
     EXPECT_EQ(400, collector->send(head + "x\r\n\r\n" + form).status);
-    EXPECT_THAT(storedFiles(), IsEmpty());
+    expectFiles({});
 }
 
 /// A bound, and a report that reaches it, or exceeds it by one.
@@ -171,11 +185,11 @@ class CollectorBoundTest : public CollectorTest, public testing::WithParamInterf
 
 TEST_P(CollectorBoundTest, IsAllowedAndNotExceeded) {
     const Bound& bound = GetParam();
-    const auto collector = startCollector({bound.option, std::to_string(bound.most)});
+    const auto collector = startCollector({"--max-dump", "900", bound.option, std::to_string(bound.most)});
     const HttpAnswer refused = collector->send(reportRequest(bound.form(bound.most + 1)));
     EXPECT_EQ(413, refused.status);
     EXPECT_EQ(refused.body.size() - 1, refused.body.find('\n')) << "one line: " << refused.body;
-    EXPECT_THAT(storedFiles(), IsEmpty());
+    expectFiles({});
     EXPECT_EQ(200, collector->send(reportRequest(bound.form(bound.most))).status);
 }
 
@@ -200,11 +214,11 @@ std::string chunkedRequest(const std::string& form) {
 }
 
 TEST_F(CollectorTest, ABodyOfUnknownLengthIsBoundedAsWell) {
-    const auto collector = startCollector({"--max-body", "1000"});
+    const auto collector = startCollector({"--max-body", "1000", "--max-dump", "900"});
     const std::string form = reportForm({}, kStem + ".dmp", smallMinidump());
     EXPECT_EQ(413, collector->send(chunkedRequest(form + std::string(1001 - form.size(), 'e'))).status);
     EXPECT_EQ(0, collector->send(chunkedRequest(form + std::string(100'000, 'e'))).status); // cut off
-    EXPECT_THAT(storedFiles(), IsEmpty());
+    expectFiles({});
     EXPECT_EQ(200, collector->send(chunkedRequest(form + std::string(1000 - form.size(), 'e'))).status);
 }
 
@@ -224,14 +238,87 @@ TEST_F(CollectorTest, SymbolFilesAreBounded) {
     EXPECT_EQ(413, postForm());
     EXPECT_EQ(413, put());
     EXPECT_EQ(404, collector->ask(path + ":complete" + key, {"--data", "{}"}).status);
-    EXPECT_THAT(storedFiles(), IsEmpty());
+    expectFiles({});
 
     writeFile(file, symbols);
     EXPECT_EQ(200, put());
     EXPECT_EQ("{\"result\": \"OK\"}\n", collector->ask(path + ":complete" + key, {"--data", "{}"}).body);
     EXPECT_EQ(200, postForm());
-    EXPECT_THAT(storedFiles(),
-                testing::ElementsAre("symbols/program/0123456789ABCDEF0123456789ABCDEF0/program.sym"));
+    expectFiles({"symbols/program/0123456789ABCDEF0123456789ABCDEF0/program.sym"});
+}
+
+TEST_F(CollectorTest, ABodyThatIsTooLargeIsToldSo) {
+    const auto collector = startCollector({"--max-body", "1000", "--max-dump", "900"});
+    // Far more than a connection holds: the sender gets to the answer only if its form is read over.
+    const HttpAnswer answer =
+        collector->send(reportRequest(reportForm({}, kStem + ".dmp", smallMinidump(20'000'000))));
+    EXPECT_EQ(413, answer.status);
+    EXPECT_EQ("The form is larger than 1000 bytes.\n", answer.body);
+    EXPECT_THAT(collector->words(),
+                HasSubstr("\nRefused a report from 127.0.0.1: The form is larger than 1000 bytes.\n"));
+}
+
+TEST_F(CollectorTest, AFullDiskIsToldSoAndLeavesNothing) {
+    std::filesystem::create_directory(m_directory / "collector");
+    const SmallDisk disk(m_directory / "collector", "size=256k");
+    const auto collector = startCollector({"--keep-free", "1"});
+    const HttpAnswer full =
+        collector->send(reportRequest(reportForm({}, kStem + ".dmp", smallMinidump(300'000))));
+    EXPECT_EQ(503, full.status);
+    EXPECT_THAT(full.header, HasSubstr("\r\nRetry-After: 60\r\n"));
+    expectFiles({});
+    EXPECT_EQ(200, collector->sendReport({}, kStem, smallMinidump()));
+}
+
+TEST_F(CollectorTest, SomeOfTheDiskIsLeftToOthers) {
+    const auto collector = startCollector({"--keep-free", "1099511627776"}); // more than there is
+    EXPECT_EQ(503, collector->sendReport({}, kStem, smallMinidump()));
+}
+
+TEST_F(CollectorTest, AnAddressGetsItsShareOfTheConnections) {
+    const auto collector = startCollector({"--connections-per-address", "3"});
+    std::vector<std::unique_ptr<TlsClient>> clients;
+    for (int i = 0; i < 3; ++i) {
+        clients.push_back(std::make_unique<TlsClient>(8443, m_authority.certificateFile()));
+        EXPECT_TRUE(clients.back()->handshake());
+    }
+    EXPECT_FALSE(TlsClient(8443, m_authority.certificateFile()).handshake());
+    clients.clear();
+    EXPECT_TRUE(eventually([&] { return collector->sendReport({}, kStem, smallMinidump()) == 200; }));
+}
+
+TEST_F(CollectorTest, ASenderThatGoesInTheMiddleLeavesNothing) {
+    const auto collector = startCollector();
+    const std::string request = reportRequest(reportForm({}, kStem + ".dmp", smallMinidump(50'000)));
+    {
+        TlsClient client(8443, m_authority.certificateFile());
+        ASSERT_TRUE(client.handshake());
+        ASSERT_TRUE(client.send(request.substr(0, 40'000)));
+        EXPECT_TRUE(eventually([&] { return !storedFiles().empty(); })); // on its way
+    }
+    expectFiles({});
+}
+
+TEST_F(CollectorTest, AReportThatComesAgainIsNotWalkedAgain) {
+    const auto collector = startCollector();
+    EXPECT_EQ(200, collector->sendReport({}, kStem, smallMinidump()));
+    EXPECT_NE("", collector->stackTrace(kStem));
+    EXPECT_EQ(200, collector->sendReport({}, kStem, smallMinidump()));
+    EXPECT_THAT(collector->words(), testing::EndsWith("/\nStored " + kStem + "\n")); // and not twice
+}
+
+TEST_F(CollectorTest, AWalkThatCouldNotBeginIsTriedAgain) {
+    const auto collector = startCollector();
+    const std::string other = nameLike(kStem, '1');
+    {
+        const CoveredFile no_program(std::filesystem::path(kCrashCollector).parent_path() / "crash_walker",
+                                     "/dev/null");
+        EXPECT_EQ(200, collector->sendReport({}, kStem, smallMinidump()));
+        EXPECT_EQ(202, collector->ask(stackPathOf(kStem)).status);
+    }
+    EXPECT_EQ(200, collector->sendReport({}, other, smallMinidump())); // whose arrival is an occasion
+    EXPECT_THAT(collector->stackTrace(other), HasSubstr("Walk failed: "));
+    EXPECT_THAT(collector->stackTrace(kStem), HasSubstr("Walk failed: the "));
 }
 
 TEST_F(CollectorTest, ListsReportsSafely) {
