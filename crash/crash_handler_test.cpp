@@ -9,8 +9,10 @@
 #include "tests/support/temporary_directory.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <gmock/gmock.h>
 #include <latch>
 #include <thread>
@@ -48,17 +50,16 @@ protected:
         return "Crash! Client with PID 4711 crashed. Sending " + m_dump + " to the crash server\n";
     }
 
-    /// wait() lasts until the one client goes, and no longer.
+    /// wait() lasts until `end` is done, and returns then: not only when it looks again, every ten seconds.
+    void expectToWaitUntil(const std::function<void()>& end) {
+        const auto waiting = std::async(std::launch::async, [this] { m_handler->wait(); });
+        EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+        end();
+        EXPECT_EQ(waiting.wait_for(std::chrono::seconds(8)), std::future_status::ready);
+    }
+
     void expectToWaitForTheClient() {
-        std::atomic<bool> has_gone = false;
-        Thread client;
-        client.start([&] {
-            has_gone = true;
-            m_handler->clientDisconnected(kPid);
-        });
-        m_handler->wait();
-        EXPECT_TRUE(has_gone);
-        client.join();
+        expectToWaitUntil([this] { m_handler->clientDisconnected(kPid); });
     }
 
     test::TemporaryDirectory m_directory;
@@ -100,17 +101,8 @@ TEST_F(CrashHandlerTest, WaitReturnsWhenTheLastClientHasGone) {
     start();
     m_handler->clientConnected(kPid);
     m_handler->clientConnected(kPid + 1);
-    std::atomic<int> gone = 0;
-    Thread clients;
-    clients.start([&] {
-        for (const int pid : {kPid, kPid + 1}) {
-            ++gone;
-            m_handler->clientDisconnected(pid);
-        }
-    });
-    m_handler->wait();
-    EXPECT_EQ(gone, 2);
-    clients.join();
+    m_handler->clientDisconnected(kPid + 1);
+    expectToWaitForTheClient();
 }
 
 TEST_F(CrashHandlerTest, AClientCountsOnceHoweverOftenItConnects) {
@@ -229,20 +221,12 @@ TEST_F(CrashHandlerTest, TheInteractivityCallbackRunsOnAThreadOfItsOwn) {
 
 TEST_F(CrashHandlerTest, WaitLastsUntilTheInteractivityCallbackHasReturned) {
     std::latch may_return(1);
-    std::atomic<bool> has_returned = false;
-    start(false, [&](const Params&) {
-        may_return.wait();
-        has_returned = true;
-    });
+    start(false, [&](const Params&) { may_return.wait(); });
     m_handler->clientConnected(kPid);
     givenDump();
     m_handler->clientDump(kPid, m_dump, {{"interactive", "1"}, {"disable_upload", "1"}});
     m_handler->clientDisconnected(kPid);
-    Thread user;
-    user.start([&] { may_return.count_down(); });
-    m_handler->wait();
-    EXPECT_TRUE(has_returned);
-    user.join();
+    expectToWaitUntil([&] { may_return.count_down(); });
 }
 
 TEST_F(CrashHandlerTest, OnlyTheExactValueIsInteractive) {

@@ -16,6 +16,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -132,6 +133,8 @@ TEST_F(TracedTest, AFailingStartDoesNotWaitForAnUpload) {
         EXPECT_EQ("exit 0", application->end());
     }
     EXPECT_THAT(lines(), Contains(kFailedToStart).Times(30));
+    EXPECT_THAT(words(),
+                Not(HasSubstr("Failed to upload"))); // as it would be said if the handler were deleted
     EXPECT_THAT(crashFiles(), SizeIs(2));
 }
 
