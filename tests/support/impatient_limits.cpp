@@ -5,7 +5,7 @@
 
 namespace vantor {
 
-const HttpUploaderLimits kHttpUploaderLimits = {.connect = Duration(2'000'000'000),
-                                                .stall = Duration(2'000'000'000)};
+const HttpUploaderLimits kHttpUploaderLimits = {.connect = Duration(4'000'000'000),
+                                                .stall = Duration(3'000'000'000)};
 
 } // namespace vantor

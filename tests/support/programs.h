@@ -5,7 +5,7 @@ namespace vantor::test {
 // Where this build's programs are.
 
 extern const char* const kCrashServer;
-/// The crash server with an uploader that gives up after 2 seconds.
+/// The crash server with an uploader that gives up after some seconds.
 extern const char* const kImpatientCrashServer;
 extern const char* const kCrashCollector;
 extern const char* const kTestApplication;
