@@ -27,9 +27,10 @@ public:
     EchoServer(const CertificateFiles& files, const std::string& directory)
         : m_log(directory + "/nghttpd.log"),
           m_server({"sh", "-c",
-                    "exec /usr/sbin/nghttpd --verbose --echo-upload --address=localhost 8444 " + files.key +
+                    "exec /usr/sbin/nghttpd --verbose --echo-upload --address=127.0.0.1 8444 " + files.key +
                         " " + files.certificate + " >" + m_log + " 2>&1"}) {
-        EXPECT_TRUE(test::eventually([this] { return log().find("listen") != std::string::npos; })) << log();
+        EXPECT_TRUE(test::eventually([this] { return log().find(": listen ") != std::string::npos; }))
+            << log();
     }
 
     static std::string url() { return "https://localhost:8444/upload/"; }
