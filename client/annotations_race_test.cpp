@@ -2,6 +2,7 @@
 // Whoever reads finds the moment between two changes.
 
 #include "client/annotations.h"
+#include "tests/support/eventually.h"
 #include "tests/support/running_setter.h"
 #include "tests/support/shown_annotations.h"
 
@@ -19,6 +20,7 @@ namespace {
 using vantor::client::AnnotationError;
 using vantor::client::Annotations;
 using vantor::test::complaintAbout;
+using vantor::test::eventually;
 using vantor::test::Params;
 using vantor::test::RunningSetter;
 using vantor::test::tableThatIsFilled;
@@ -90,8 +92,7 @@ TEST(AnnotationsRaceTest, AFrozenTableStandsStillWhileOtherThreadsRunOn) {
         for (char byte = 0; read(requests[0], &byte, 1) == 1;) {
             const uint64_t refused = setter.refused();
             annotations->freeze();
-            while (setter.refused() == refused) // the setter goes on, and is refused
-                continue;
+            (void)eventually([&] { return setter.refused() != refused; }); // it goes on, and is refused
             if (write(answers[1], &byte, 1) != 1 || read(requests[0], &byte, 1) != 1)
                 _exit(98);
             annotations->thaw();
