@@ -23,7 +23,7 @@ AnnotationError copyText(std::string_view text, char (&field)[size], const Error
 
     // The copy is judged: another thread may be writing to the original.
     std::memcpy(field, text.data(), text.size());
-    std::memset(field + text.size(), 0, size - text.size());
+    field[text.size()] = '\0';
     if (std::memchr(field, '\0', text.size()) != nullptr || std::memchr(field, '\n', text.size()) != nullptr)
         return errors.bytes;
     return AnnotationError::None;
@@ -32,6 +32,7 @@ AnnotationError copyText(std::string_view text, char (&field)[size], const Error
 } // namespace
 
 AnnotationError copyName(std::string_view name, crash::CustomDataEntry* record) {
+    std::memset(record->name, 0, sizeof(record->name));
     return copyText(name, record->name,
                     {AnnotationError::NameEmpty, AnnotationError::NameTooLong, AnnotationError::NameBytes});
 }
@@ -45,6 +46,10 @@ AnnotationError copyValue(std::string_view value, crash::CustomDataEntry* record
 AnnotationError makeRecord(std::string_view name, std::string_view value, crash::CustomDataEntry* record) {
     const AnnotationError error = copyName(name, record);
     return error != AnnotationError::None ? error : copyValue(value, record);
+}
+
+void copyRecord(const crash::CustomDataEntry& from, crash::CustomDataEntry* to) {
+    std::memcpy(to, &from, offsetof(crash::CustomDataEntry, value) + std::strlen(from.value) + 1);
 }
 
 size_t textBytes(const crash::CustomDataEntry& record) {

@@ -16,13 +16,16 @@ namespace vantor::client {
 inline constexpr size_t kMostTextBytes = 102'400 - (sizeof("time\n01234567890123456789\n") - 1) -
                                          (sizeof("guid\n01234567-89ab-cdef-01234567-89abcdef\n") - 1);
 
-/// Makes a record of both texts, each followed by zeroes to the end of its field; or says which text breaks a
-/// rule, and leaves `*record` undefined.
+/// Makes a record of both texts, the name followed by zeroes to the end of its field, the value by one; or
+/// says which text breaks a rule, and leaves `*record` undefined.
 AnnotationError makeRecord(std::string_view name, std::string_view value, crash::CustomDataEntry* record);
 
 /// The same for one text alone.
 AnnotationError copyName(std::string_view name, crash::CustomDataEntry* record);
 AnnotationError copyValue(std::string_view value, crash::CustomDataEntry* record);
+
+/// Copies both texts, and not what stands after the value's NUL: most values are short.
+void copyRecord(const crash::CustomDataEntry& from, crash::CustomDataEntry* to);
 
 /// The bytes that a record takes in the parameters file: both texts, each with a line feed.
 size_t textBytes(const crash::CustomDataEntry& record);

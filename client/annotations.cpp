@@ -62,7 +62,7 @@ AnnotationError Annotations::setRecord(const CustomDataEntry& record) {
     if (text_bytes > kMostTextBytes - m_table->fixedCount() * LogRing::kMostBytesPerLine)
         return AnnotationError::ReportFull;
 
-    change.edit(i, 1)[0] = record;
+    copyRecord(record, &change.edit(i, 1)[0]);
     return change.publish(i < shown.size() ? shown.size() : shown.size() + 1, text_bytes);
 }
 
@@ -78,7 +78,7 @@ AnnotationError Annotations::clearRecord(const CustomDataEntry& record) {
     if (i == shown.size())
         return AnnotationError::None;
 
-    change.edit(i, 1)[0] = shown.back(); // the order means nothing
+    copyRecord(shown.back(), &change.edit(i, 1)[0]); // the order means nothing
     return change.publish(shown.size() - 1, change.textBytes() - textBytes(shown[i]));
 }
 

@@ -10,6 +10,14 @@ namespace vantor::client {
 
 using crash::CustomDataEntry;
 
+namespace {
+
+void copyText(const CustomDataEntry& from, CustomDataEntry* to) {
+    std::memcpy(to->value, from.value, std::strlen(from.value) + 1);
+}
+
+} // namespace
+
 LogRing::LogRing(RecordTable& table) : m_table(table) {
     RecordTable::Change change(m_table);
     size_t number = 1;
@@ -38,8 +46,8 @@ AnnotationError LogRing::add(std::string_view line) {
     const size_t first = used < count ? used : 0;
     const auto edited = change.edit(first, used < count ? 1 : count);
     for (size_t i = 0; i + 1 < edited.size(); ++i)
-        std::memcpy(edited[i].value, lines[i + 1].value, sizeof(newest.value));
-    std::memcpy(edited.back().value, newest.value, sizeof(newest.value));
+        copyText(lines[i + 1], &edited[i]);
+    copyText(newest, &edited.back());
     return change.publish(change.shown().size(), change.textBytes());
 }
 
