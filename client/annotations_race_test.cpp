@@ -92,12 +92,15 @@ TEST(AnnotationsRaceTest, AFrozenTableStandsStillWhileOtherThreadsRunOn) {
         for (char byte = 0; read(requests[0], &byte, 1) == 1;) {
             const uint64_t refused = setter.refused();
             annotations->freeze();
-            (void)eventually([&] { return setter.refused() != refused; }); // it goes on, and is refused
+            if (!eventually([&] { return setter.refused() != refused; })) // it goes on, and is refused
+                _exit(97);
             if (write(answers[1], &byte, 1) != 1 || read(requests[0], &byte, 1) != 1)
                 _exit(98);
             annotations->thaw();
         }
     });
+
+    close(answers[1]); // the child's end is the only one: if the child ends, so does this test
 
     std::map<std::string, int> seen;
     char byte = 0;
@@ -112,7 +115,7 @@ TEST(AnnotationsRaceTest, AFrozenTableStandsStillWhileOtherThreadsRunOn) {
         ASSERT_EQ(write(requests[1], &byte, 1), 1);
     }
     EXPECT_GT(seen.size(), kRounds / 10U);
-    for (const int end : {requests[0], requests[1], answers[0], answers[1]})
+    for (const int end : {requests[0], requests[1], answers[0]})
         close(end);
 }
 
