@@ -32,10 +32,14 @@ protected:
     std::vector<std::string> storedFiles() const {
         std::vector<std::string> names;
         const std::string data = m_directory / "collector";
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(data)) {
-            if (entry.is_regular_file())
-                names.push_back(std::filesystem::relative(entry.path(), data));
+        std::error_code error;
+        for (std::filesystem::recursive_directory_iterator entry(data, error), end; entry != end;
+             entry.increment(error)) {
+            if (std::error_code gone; entry->is_regular_file(gone))
+                names.push_back(entry->path().string().substr(data.size() + 1));
         }
+        if (error)
+            names.emplace_back("a directory that goes just now");
         std::sort(names.begin(), names.end());
         return names;
     }
