@@ -273,9 +273,9 @@ TEST_F(CrashHandlerTest, DumpsOfClientsThatNeverConnectedAreHandledAlike) {
 
 TEST(CrashHandlerStayAliveTest, WaitNeverReturns) {
     // In a process of its own, since the thread that waits can never be joined.
+    const test::TemporaryDirectory directory; // which this process removes
     EXPECT_EXIT(
         {
-            const test::TemporaryDirectory directory;
             auto* handler = new CrashHandler(directory.path(), true, {});
             handler->clientConnected(kPid);
             std::atomic<bool> has_returned = false;
