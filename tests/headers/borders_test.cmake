@@ -22,6 +22,7 @@ expect_no_include(crash "buildinfo/|collector/|tools/|tests/|curl/" "crash/ incl
 expect_no_include(collector "crash/|buildinfo/|client/|tools/|tests/|curl/" "collector/ includes common/ and Breakpad's processor.")
 expect_no_include(client "common/|buildinfo/|collector/|tools/|tests/|curl/|iostream|fstream|sstream"
   "client/ includes Breakpad's client and no streams: applications link it.")
+expect_no_include(client "crash/[^c]|crash/c[^u]|crash/cu[^s]|crash/custom_data\\." "client/ takes the memory layout from crash/, nothing else.")
 expect_no_include(buildinfo "common/|crash/|collector/|tools/|tests/" "buildinfo/ knows nobody.")
 
 file(GLOB files ${SOURCE}/common/*.h ${SOURCE}/common/*.cpp)

@@ -2,6 +2,7 @@
 // as any application must, and does what it is told on standard input: one command in a line, answered by one
 // line on standard output. It ends with its standard input.
 
+#include "client/guardian.h"
 #include "tests/support/client_memory.h"
 #include "tests/support/crashes.h"
 #include "tests/support/end_of_memory.h"
@@ -10,6 +11,7 @@
 #include "client/linux/handler/exception_handler.h"
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -18,8 +20,10 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <sched.h>
 #include <sstream>
 #include <string>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -94,6 +98,46 @@ std::string start(Words& words) {
     std::vector<std::string> program(std::istream_iterator<std::string>(words), {});
     g_server = startServer(g_start, std::move(program));
     return std::to_string(g_server.pid);
+}
+
+// The start of a guardian, which shakes hands.
+
+client::Guardian* g_guardian = nullptr; // to the end of the process
+
+std::string startGuardian(Words& words) {
+    client::StartedGuardian started = client::Guardian::start(
+        {.server = wordFrom(words), .descriptor = &g_descriptor, .first_restart_delay = {}});
+    if (started.guardian == nullptr)
+        return started.error;
+    g_guardian = started.guardian.release();
+    g_server = {g_guardian->health().server, g_guardian->socket()};
+    return std::to_string(g_server.pid);
+}
+
+std::string tellRestarts(Words&) {
+    const client::GuardianHealth health = g_guardian->health();
+    return health.condition == client::GuardianHealth::Condition::Serving ? std::to_string(health.restarts)
+                                                                          : "out of service";
+}
+
+std::string tellGuardian(Words&) {
+    return std::to_string(g_guardian->health().guardian);
+}
+
+std::string waitForAnybody(Words&) {
+    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? "no child" : "a child";
+}
+
+std::string execute(Words& words) {
+    const std::string program = wordFrom(words);
+    std::cout << kDone << std::endl; // the other program gives no answer to this
+    (void)execl(program.c_str(), program.c_str(), nullptr);
+    return "not executed";
+}
+
+std::string mountProcesses(Words&) {
+    require(unshare(CLONE_NEWNS) == 0 && mount("proc", "/proc", "proc", 0, nullptr) == 0, "mount /proc");
+    return kDone;
 }
 
 std::string reapServer(Words&) {
@@ -209,6 +253,12 @@ std::string perform(const std::string& command) {
         {"immune", setImmune},         // the server begins with SIGHUP and SIGCHLD ignored
         {"orphan", setOrphan},         // the server shall begin when this process has gone
         {"start", start},              // start PROGRAM [ARGUMENT...]: the answer is the server's pid
+        {"guardian", startGuardian},   // guardian PROGRAM: instead of a start; the answer is the server's pid
+        {"guardian-pid", tellGuardian},
+        {"restarts", tellRestarts},    // the answer is their number, or "out of service"
+        {"wait", waitForAnybody},      // the answer is "no child" or "a child"
+        {"execute", execute},          // execute PROGRAM: in this process, after the answer
+        {"processes", mountProcesses}, // mounts a /proc of its own, for a process namespace
         {"reap", reapServer},          // the answer is how the server ended, as waitpid() has it
 
         {"greeting", readGreeting},            // the answer is a message in hexadecimal digits, or "end"
