@@ -33,9 +33,10 @@ protected:
 
     std::string tell(const std::string& command) const { return m_application->tell(command); }
 
-    void replaceServer() const {
+    void replaceServer() {
         EXPECT_EQ(0, kill(m_server, SIGKILL));
         EXPECT_TRUE(eventually([&] { return tell("restarts") == "1"; }));
+        m_server = std::stoi(tell("server-pid"));
     }
 
     void expectTheServerEnds() const {
@@ -64,9 +65,16 @@ TEST_F(GuardedApplicationTest, IsDumpedByTheSecondServer) {
     replaceServer();
     EXPECT_EQ("no child", tell("wait"));
     EXPECT_EQ("signal 6", m_application->crash("abort"));
-    EXPECT_TRUE(waitForOrphan(m_guardian).has_value());
-    awaitUploads(1);
+    expectTheServerEnds();
     EXPECT_THAT(annotationsOf(onlyReport()), ElementsAre(Pair("product", "sample")));
+}
+
+// A process that shares its working directory with another one may not.
+TEST_F(GuardedApplicationTest, CanEnterAMountNamespace) {
+    start();
+    EXPECT_EQ("done", tell("mounts"));
+    EXPECT_EQ("exit 0", m_application->end());
+    expectTheServerEnds();
 }
 
 TEST_F(GuardedApplicationTest, HasItsForkedChildrenDumped) {

@@ -16,7 +16,6 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <map>
-#include <sched.h>
 #include <set>
 #include <sstream>
 #include <sys/socket.h>
@@ -226,7 +225,7 @@ TEST_F(GuardianTest, FailsRequestsAtOnceWhileThereIsNoServer) {
     ASSERT_EQ(0, kill(health().server, SIGKILL));
     ASSERT_TRUE(eventually([&] { return health().condition == Condition::Restarting; }));
     EXPECT_EQ(-1, send(m_guardian->socket(), "x", 1, MSG_NOSIGNAL));
-    EXPECT_EQ(EPIPE, errno);
+    EXPECT_THAT(errno, testing::AnyOf(EPIPE, ECONNRESET)); // the latter when it had not read all
 }
 
 TEST_F(GuardianTest, GivesUpAfterSoManyRestartsInARow) {
@@ -439,12 +438,6 @@ TEST_F(GuardianTest, GivesTheServerTheEnvironmentOfTheStart) {
     unsetenv("GUARDIAN_TEST");
     EXPECT_EQ("first\nfirst\n", test::readFile(value));
     ASSERT_EQ(0, kill(health().server, SIGKILL));
-}
-
-TEST_F(GuardianTest, LeavesMountNamespacesToTheApplication) {
-    start();
-    const test::Descriptor own(open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(0, setns(own.get(), CLONE_NEWNS)) << strerror(errno);
 }
 
 TEST_F(GuardianTest, EndsWithAStop) {

@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -122,6 +123,17 @@ std::string tellRestarts(Words&) {
 
 std::string tellGuardian(Words&) {
     return std::to_string(g_guardian->health().guardian);
+}
+
+std::string tellServer(Words&) {
+    return std::to_string(g_guardian->health().server);
+}
+
+std::string enterOwnMounts(Words&) {
+    const int mounts = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
+    require(setns(mounts, CLONE_NEWNS) == 0, "enter the mount namespace");
+    (void)close(mounts);
+    return kDone;
 }
 
 std::string waitForAnybody(Words&) {
@@ -255,10 +267,12 @@ std::string perform(const std::string& command) {
         {"start", start},              // start PROGRAM [ARGUMENT...]: the answer is the server's pid
         {"guardian", startGuardian},   // guardian PROGRAM: instead of a start; the answer is the server's pid
         {"guardian-pid", tellGuardian},
+        {"server-pid", tellServer},
         {"restarts", tellRestarts},    // the answer is their number, or "out of service"
         {"wait", waitForAnybody},      // the answer is "no child" or "a child"
         {"execute", execute},          // execute PROGRAM: in this process, after the answer
         {"processes", mountProcesses}, // mounts a /proc of its own, for a process namespace
+        {"mounts", enterOwnMounts},    // enters the mount namespace again that it is in
         {"reap", reapServer},          // the answer is how the server ended, as waitpid() has it
 
         {"greeting", readGreeting},            // the answer is a message in hexadecimal digits, or "end"
