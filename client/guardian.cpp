@@ -32,7 +32,7 @@ std::string absolutePath(const std::string& path) {
     if (path.empty() || path.front() == '/')
         return path;
     char* const directory = getcwd(nullptr, 0);
-    const std::string absolute = (directory != nullptr ? std::string(directory) : ".") + "/" + path;
+    std::string absolute = (directory != nullptr ? std::string(directory) : ".") + "/" + path;
     free(directory);
     return absolute;
 }
@@ -177,7 +177,8 @@ void Guardian::stop() {
         // guardian, its mark is there.
         const bool has_socket = m_socket != -1 && fcntl(m_socket, F_GETOWN) == m_pid;
         __atomic_store_n(&state.is_stopped, 1, __ATOMIC_RELEASE);
-        (void)kill(m_pid, SIGHUP); // it looks at the state within a second in any case
+        if (guardianOf(state) != 0)    // otherwise the number may be another's by now
+            (void)kill(m_pid, SIGHUP); // it looks at the state within a second in any case
         if (!awaitEnd(state, m_pid))
             (void)m_memory.release(); // it is still in use
         if (has_socket)

@@ -59,7 +59,7 @@ struct Start {
 };
 
 int64_t now() {
-    timespec time;
+    timespec time = {};
     (void)rawSystemCall(SYS_clock_gettime, CLOCK_MONOTONIC, asWord(&time)); // fails for a wrong clock alone
     return time.tv_sec * kNanosecondsPerSecond + time.tv_nsec;
 }
@@ -306,7 +306,7 @@ void serve(Guardian& guardian) {
 /// ignores. But the server's end is to be seen here, and no broken pipe is to end the server.
 void leaveHandlers() {
     for (int signal = 1; signal <= static_cast<int>(8 * sizeof(KernelSignalSet)); ++signal) {
-        KernelSignalAction action;
+        KernelSignalAction action = {};
         const long result =
             rawSystemCall(SYS_rt_sigaction, signal, 0, asWord(&action), sizeof(KernelSignalSet));
         if (result != 0 || (action.handler == SIG_IGN && signal != SIGCHLD))

@@ -20,6 +20,7 @@
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <thread>
 
 namespace vantor::client {
 
@@ -199,6 +200,13 @@ TEST_F(GuardianTest, IsNotSeenByWaitingNorByTheSignal) {
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
 }
 
+TEST_F(GuardianTest, OutlivesTheThreadThatStartedIt) {
+    std::thread([this] { start(); }).join();
+    replaceServer();
+    EXPECT_EQ(Condition::Serving, health().condition);
+    EXPECT_EQ(std::to_string(getpid()), statusOf(health().guardian, "PPid"));
+}
+
 TEST_F(GuardianTest, ReplacesAServerThatWasKilled) {
     start();
     const int socket = m_guardian->socket();
@@ -263,6 +271,13 @@ TEST_F(GuardianTest, BeginsANewRowAfterASteadyServer) {
     for (int i = 0; i < 3; ++i)
         replaceServer();
     EXPECT_EQ(Condition::Serving, health().condition);
+}
+
+TEST_F(GuardianTest, TakesAHangUpOfAnybodyForAnEndLikeAnyOther) {
+    start();
+    ASSERT_EQ(0, kill(health().server, SIGHUP));
+    ASSERT_TRUE(eventually([&] { return health().restarts == 1; }));
+    EXPECT_EQ("exit 0", test::describeEnd(health().last_end.value_or(-1)));
 }
 
 TEST_F(GuardianTest, SaysThatThereIsNoServer) {
