@@ -55,6 +55,10 @@ struct StartedGuardian;
 /// In the application there are three descriptors more, all close-on-exec. Where they are closed by somebody
 /// who closes all, the server goes on, and cannot be replaced.
 ///
+/// Descriptors that the application does not close itself, such as a port, are closed when the guardian has
+/// ended, too: as a rule half a millisecond after the application. A program that follows by an exec has
+/// a child that has ended, which no ordinary wait shows.
+///
 /// A server has the socket, standard error and /dev/null, the environment of the start and the signal mask of
 /// the thread that called it; what the process ignored then it ignores, and SIGPIPE. When a server ends,
 /// requests on the socket fail at once, until the next one serves under the same number.
