@@ -338,7 +338,6 @@ TEST_F(GuardianTest, FindsAServerByARelativePath) {
     ASSERT_EQ(0, chdir("/"));
     replaceServer();
     EXPECT_EQ(Condition::Serving, health().condition);
-    ASSERT_EQ(0, kill(health().server, SIGKILL)); // it knows nothing of a hang-up
     ASSERT_EQ(0, chdir(directory.c_str()));
 }
 
@@ -351,7 +350,6 @@ TEST_F(GuardianTest, GivesTheServerTheAddress) {
     const auto expected = reinterpret_cast<uint64_t>(&descriptor);
     const std::string bytes(reinterpret_cast<const char*>(&expected), sizeof(expected));
     EXPECT_TRUE(eventually([&] { return test::readFile(address) == bytes; }));
-    ASSERT_EQ(0, kill(health().server, SIGKILL));
 }
 
 TEST_F(GuardianTest, GivesTheServerItsSocketAndStandardErrorOnly) {
@@ -452,7 +450,6 @@ TEST_F(GuardianTest, GivesTheServerTheEnvironmentOfTheStart) {
     replaceServer();
     unsetenv("GUARDIAN_TEST");
     EXPECT_EQ("first\nfirst\n", test::readFile(value));
-    ASSERT_EQ(0, kill(health().server, SIGKILL));
 }
 
 TEST_F(GuardianTest, EndsWithAStop) {
