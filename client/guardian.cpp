@@ -1,5 +1,8 @@
 #include "client/guardian.h"
 
+#include "client/error_text.h"
+#include "client/guarded_service.h"
+#include "client/guardian_mark.h"
 #include "client/guardian_memory.h"
 #include "client/guardian_process.h"
 
@@ -8,7 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
+#include <dirent.h>
 #include <linux/futex.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -43,30 +46,29 @@ void describe(GuardianState& state, const GuardianOptions& options) {
     state.times = {.greeting_deadline = nanoseconds(options.greeting_deadline),
                    .first_restart_delay = nanoseconds(options.first_restart_delay),
                    .longest_restart_delay = nanoseconds(options.longest_restart_delay),
-                   .steady_time = nanoseconds(options.steady_time)};
+                   .steady_time = nanoseconds(options.steady_time),
+                   .longest_hold = nanoseconds(options.longest_hold)};
     state.most_restarts = options.most_restarts;
+    state.stays_without_server = options.stays_without_server ? 1 : 0;
 
     timespec time = {};
     (void)clock_gettime(CLOCK_MONOTONIC, &time); // fails for a wrong clock alone
     state.mark = static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
 }
 
-int32_t guardianOf(const GuardianState& state) {
-    return __atomic_load_n(&state.guardian, __ATOMIC_ACQUIRE);
+bool isStarted(const GuardianState& state) {
+    return __atomic_load_n(&state.is_started, __ATOMIC_ACQUIRE) != 0;
 }
 
 /// Until the guardian has told how the start went, or has gone without a word: then false.
 bool awaitStart(GuardianState& state) {
-    while (__atomic_load_n(&state.is_started, __ATOMIC_ACQUIRE) == 0) {
-        if (guardianOf(state) == 0)
-            return false;
+    while (!isStarted(state) && guardianOf(state) != 0)
         (void)rawSystemCall(SYS_futex, asWord(&state.is_started), FUTEX_WAIT_PRIVATE, 0,
                             asWord(&kPatienceForStart));
-    }
-    return true;
+    return isStarted(state);
 }
 
-/// Waits until it has ended by itself; one that cannot, as a process that was stopped, is killed. False when
+/// Waits until it ends by itself; one that cannot, as a process that was stopped, is killed. False when
 /// that is not allowed either.
 bool awaitEnd(const GuardianState& state, pid_t guardian) {
     while (guardianOf(state) != 0) {
@@ -75,14 +77,27 @@ bool awaitEnd(const GuardianState& state, pid_t guardian) {
         if (result == -ETIMEDOUT && kill(guardian, SIGKILL) != 0)
             return false;
     }
-    while (waitpid(guardian, nullptr, __WALL) == -1 && errno == EINTR) {
-    }
     return true;
 }
 
-std::string errorText(long negative_error) {
-    const char* const text = strerrordesc_np(static_cast<int>(-negative_error));
-    return text != nullptr ? text : "error " + std::to_string(-negative_error);
+/// Closes what the guardian did not, or what a forked child has inherited of it, be it in the middle of a
+/// server's start. The numbers tell nothing: the application may have closed them, and use them for files of
+/// its own.
+void closeMarked(pid_t guardian) {
+    DIR* const descriptors = opendir("/proc/self/fd");
+    if (descriptors == nullptr)
+        return; // they stay open, and do nothing
+    while (const dirent* const entry = readdir(descriptors)) {
+        const int descriptor = atoi(entry->d_name); // "." becomes standard input, which is not marked
+        if (isMarkedBy(guardian, descriptor) || isMarkedByNobody(descriptor))
+            (void)close(descriptor);
+    }
+    (void)closedir(descriptors);
+}
+
+/// Of a system call's negative result.
+std::string resultText(long negative_error) {
+    return errorText(static_cast<int>(-negative_error));
 }
 
 std::string endText(long status) {
@@ -97,8 +112,10 @@ std::string adviceFor(long negative_error) {
     case ENOENT:
         return "Install it there, or name the place where it is.";
     case EACCES:
-    case EPERM:
         return "Make it an executable file that this user may run.";
+    case EPERM:
+        return "Make it an executable file that this user may run, in a sandbox that allows execve() and "
+               "close_range().";
     case ENOEXEC:
         return "Install the executable that was built for this machine.";
     case ENOSYS:
@@ -112,13 +129,13 @@ std::string explain(StartFailure failure, long detail, const GuardianOptions& op
     const std::string server = "The crash server " + options.server;
     switch (failure) {
     case StartFailure::Socket:
-        return "The socket for the crash server could not be made: " + errorText(detail) +
+        return "The socket for the crash server could not be made: " + resultText(detail) +
                ". Allow this process more descriptors (ulimit -n), and sockets of the kind AF_UNIX.";
     case StartFailure::Process:
-        return "The process of the crash server could not be made: " + errorText(detail) +
+        return "The process of the crash server could not be made: " + resultText(detail) +
                ". Allow this user more processes (ulimit -u).";
     case StartFailure::Program:
-        return server + " could not be run: " + errorText(detail) + ". " + adviceFor(detail);
+        return server + " could not be run: " + resultText(detail) + ". " + adviceFor(detail);
     case StartFailure::Ended:
         return server + " ended before it served (" + endText(detail) +
                "). Its messages on standard error say why.";
@@ -136,27 +153,30 @@ std::string explain(StartFailure failure, long detail, const GuardianOptions& op
 } // namespace
 
 StartedGuardian Guardian::start(const GuardianOptions& options) {
-    auto memory = std::make_unique<GuardianMemory>(absolutePath(options.server));
+    auto memory =
+        std::make_unique<GuardianMemory>(absolutePath(options.server), absolutePath(options.data_home));
     if (!memory->isThere())
-        return {nullptr, "There is no memory for the crash server's guardian: " + errorText(-errno) +
+        return {nullptr, "There is no memory for the crash server's guardian: " + errorText(errno) +
                              ". Allow this process more memory (ulimit -v)."};
 
     GuardianState& state = memory->state();
     describe(state, options);
     const long pid = startGuardian(state, memory->stackTop());
     if (pid < 0)
-        return {nullptr, "The guardian of the crash server could not be started: " + errorText(pid) +
+        return {nullptr, "The guardian of the crash server could not be started: " + resultText(pid) +
                              ". Allow this user more processes (ulimit -u)."};
 
     // Under Yama the server, as a child of the guardian's, may then trace this process. Fails without Yama.
     (void)prctl(PR_SET_PTRACER, static_cast<unsigned long>(pid));
     auto guardian = std::unique_ptr<Guardian>(new Guardian(std::move(memory), static_cast<pid_t>(pid)));
-    const bool has_told = awaitStart(state);
-    if (!has_told || state.failure != StartFailure::None)
-        return {nullptr, explain(has_told ? state.failure : StartFailure::GuardianEnds, state.failure_detail,
-                                 options)};
-    guardian->m_socket = state.socket;
-    return {std::move(guardian), ""};
+    if (!awaitStart(state))
+        return {nullptr, explain(StartFailure::GuardianEnds, 0, options)};
+    if (state.failure == StartFailure::None)
+        return {std::move(guardian), ""};
+    std::string error = explain(state.failure, state.failure_detail, options);
+    if (!options.stays_without_server)
+        guardian = nullptr; // and the state with it
+    return {std::move(guardian), std::move(error)};
 }
 
 Guardian::Guardian(std::unique_ptr<GuardianMemory> memory, pid_t pid)
@@ -173,19 +193,27 @@ void Guardian::stop() {
 
     GuardianState& state = m_memory->state();
     if (state.application == getpid()) {
-        // The application may have closed it and use the number for a file of its own. Only while there is a
-        // guardian, its mark is there.
-        const bool has_socket = m_socket != -1 && fcntl(m_socket, F_GETOWN) == m_pid;
         __atomic_store_n(&state.is_stopped, 1, __ATOMIC_RELEASE);
         if (guardianOf(state) != 0)    // otherwise the number may be another's by now
             (void)kill(m_pid, SIGHUP); // it looks at the state within a second in any case
-        if (!awaitEnd(state, m_pid))
+        const bool has_ended = awaitEnd(state, m_pid);
+        closeMarked(m_pid); // before it is waited for: then another process may have its number
+        if (!has_ended)
             (void)m_memory.release(); // it is still in use
-        if (has_socket)
-            (void)close(m_socket);
+        while (has_ended && waitpid(m_pid, nullptr, __WALL) == -1 && errno == EINTR) {
+        }
+    } else {
+        closeMarked(m_pid);
     }
     m_memory.reset();
-    m_socket = -1;
+}
+
+int Guardian::socket() const {
+    return m_memory != nullptr ? __atomic_load_n(&m_memory->state().socket, __ATOMIC_ACQUIRE) : -1;
+}
+
+GuardianState* Guardian::state() const {
+    return m_memory != nullptr ? &m_memory->state() : nullptr;
 }
 
 GuardianHealth Guardian::health() const {
@@ -194,7 +222,7 @@ GuardianHealth Guardian::health() const {
         return health;
 
     const GuardianState& state = m_memory->state();
-    const auto status = __builtin_bit_cast(GuardianStatus, __atomic_load_n(&state.status, __ATOMIC_ACQUIRE));
+    const GuardianStatus status = statusOf(state);
     health.restarts = status.restarts;
     if (status.last_end != GuardianStatus::kNoEnd)
         health.last_end = status.last_end;
@@ -205,7 +233,7 @@ GuardianHealth Guardian::health() const {
 
     health.guardian = guardian;
     health.condition = GuardianHealth::Condition::Serving;
-    if (status.server == GuardianStatus::kRestarting)
+    if (status.server == GuardianStatus::kRestarting || status.server == GuardianStatus::kStarting)
         health.condition = GuardianHealth::Condition::Restarting;
     else if (status.server == GuardianStatus::kGivenUp)
         health.condition = GuardianHealth::Condition::GivenUp;

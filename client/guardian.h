@@ -10,9 +10,12 @@
 namespace vantor::client {
 
 class GuardianMemory;
+struct GuardianState;
 
 struct GuardianOptions {
-    std::string server; ///< path of the crash server's executable
+    std::string server;         ///< path of the crash server's executable
+    std::string data_home = {}; ///< the server's XDG_DATA_HOME; empty: as in the process's environment
+
     /// Address of the descriptor of the annotations, which stays there for the process's life; null: none.
     const void* descriptor = nullptr;
 
@@ -25,6 +28,12 @@ struct GuardianOptions {
     std::chrono::milliseconds longest_restart_delay = std::chrono::seconds(30);
     std::chrono::milliseconds steady_time = std::chrono::minutes(1);
     unsigned int most_restarts = 5;
+
+    /// Whether a first start that fails is followed by others, as if that server had ended.
+    bool stays_without_server = false;
+
+    /// How long a crash path may keep the next server from starting (see hold()).
+    std::chrono::milliseconds longest_hold = std::chrono::minutes(1);
 };
 
 /// What is known of the service at one moment.
@@ -63,12 +72,16 @@ struct StartedGuardian;
 /// the thread that called it; what the process ignored then it ignores, and SIGPIPE. When a server ends,
 /// requests on the socket fail at once, until the next one serves under the same number.
 ///
-/// Forked children inherit the socket and may crash over it until the server is replaced; to them the object
-/// is dead. Threads: any may call health(), but none during stop(); the others are called by one at a time.
+/// The server has a session of its own: what a terminal sends to the application, it does not get.
+///
+/// Forked children inherit the socket and may crash over it until the server is replaced; they see the state.
+/// Otherwise the object is dead to them. One that destroys it, or stops it, closes what it inherited, and may
+/// then start a guardian of its own. Threads: any may call health(), but none during stop(); the others are
+/// called by one at a time.
 class Guardian {
 public:
     /// Starts both and returns when the server serves, or a reason why it does not. In the latter case no
-    /// process is left.
+    /// process is left, unless GuardianOptions::stays_without_server keeps the guardian.
     static StartedGuardian start(const GuardianOptions& options);
 
     /// stop().
@@ -76,9 +89,12 @@ public:
     Guardian(const Guardian&) = delete;
     Guardian& operator=(const Guardian&) = delete;
 
-    /// The application's end of the socket, for Breakpad's ExceptionHandler. It stays the guardian's; -1 once
-    /// it was stopped.
-    int socket() const { return m_socket; }
+    /// The application's end of the socket, for Breakpad's ExceptionHandler. It stays the guardian's; -1
+    /// before the first server serves, and once it was stopped. Otherwise the number stays.
+    int socket() const;
+
+    /// What client/guarded_service.h asks. Null once it was stopped: then no crash path may use it any more.
+    GuardianState* state() const;
 
     GuardianHealth health() const;
 
@@ -94,10 +110,9 @@ private:
 
     const pid_t m_pid;
     std::unique_ptr<GuardianMemory> m_memory; // null: stopped
-    int m_socket = -1;
 };
 
-/// One of the two.
+/// One of the two; both when the guardian stays without a server.
 struct StartedGuardian {
     std::unique_ptr<Guardian> guardian;
     std::string error; ///< a sentence that says what to do

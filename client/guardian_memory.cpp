@@ -2,8 +2,10 @@
 
 #include <cstring>
 #include <new>
+#include <string_view>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <vector>
 
 namespace vantor::client {
 
@@ -14,57 +16,74 @@ constexpr size_t kGuardianStack = 8 * kPage;
 constexpr size_t kServerStack = 4 * kPage; // until the program runs
 constexpr size_t kStacks = kPage + kGuardianStack + kPage + kServerStack;
 
-size_t countEnvironment() {
-    size_t count = 0;
-    while (environ != nullptr && environ[count] != nullptr)
-        ++count;
-    return count;
+constexpr std::string_view kDataHome = "XDG_DATA_HOME=";
+
+std::vector<std::string> environmentWith(const std::string& data_home) {
+    std::vector<std::string> environment;
+    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+        if (data_home.empty() || strncmp(*variable, kDataHome.data(), kDataHome.size()) != 0)
+            environment.emplace_back(*variable);
+    }
+    if (!data_home.empty())
+        environment.push_back(std::string(kDataHome) + data_home);
+    return environment;
 }
 
-size_t sizeOfTexts(const std::string& program, size_t variables) {
+size_t sizeOfTexts(const std::string& program, const std::vector<std::string>& environment) {
     size_t size = program.size() + 1;
-    for (size_t i = 0; i < variables; ++i)
-        size += strlen(environ[i]) + 1;
+    for (const std::string& variable : environment)
+        size += variable.size() + 1;
     return size;
 }
 
 /// Copies a text with its end, and moves on behind it.
-char* place(const char* text, char*& at) {
+char* place(const std::string& text, char*& at) {
     char* const copy = at;
-    at = stpcpy(at, text) + 1;
+    at = stpcpy(at, text.c_str()) + 1;
     return copy;
+}
+
+/// Null when there is none; errno says why.
+char* mapMemory(size_t size, int kind) {
+    void* const mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, kind | MAP_ANONYMOUS, -1, 0);
+    return mapping != MAP_FAILED ? static_cast<char*>(mapping) : nullptr;
 }
 
 } // namespace
 
-GuardianMemory::GuardianMemory(const std::string& program) {
-    const size_t variables = countEnvironment();
-    m_size =
-        kStacks + sizeof(GuardianState) + (variables + 1) * sizeof(char*) + sizeOfTexts(program, variables);
-    void* const mapping = mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (mapping == MAP_FAILED)
+GuardianMemory::GuardianMemory(const std::string& program, const std::string& data_home)
+    : m_owner(getpid()),
+      m_stacks(mapMemory(kStacks, MAP_PRIVATE)) {
+    const std::vector<std::string> variables = environmentWith(data_home);
+    m_shared_size =
+        sizeof(GuardianState) + (variables.size() + 1) * sizeof(char*) + sizeOfTexts(program, variables);
+    char* const shared = m_stacks != nullptr ? mapMemory(m_shared_size, MAP_SHARED) : nullptr;
+    if (shared == nullptr)
         return;
 
-    m_mapping = static_cast<char*>(mapping);
-    char* const server_guard = m_mapping + kPage + kGuardianStack;
-    (void)mprotect(m_mapping, kPage, PROT_NONE); // without guards the stacks are good enough
-    (void)mprotect(server_guard, kPage, PROT_NONE);
-    (void)madvise(m_mapping, kStacks, MADV_DONTFORK);
+    (void)mprotect(m_stacks, kPage, PROT_NONE); // without guards the stacks are good enough
+    (void)mprotect(m_stacks + kPage + kGuardianStack, kPage, PROT_NONE);
+    (void)madvise(m_stacks, kStacks, MADV_DONTFORK);
 
-    m_stack_top = server_guard;
-    m_state = new (m_mapping + kStacks) GuardianState;
+    m_state = new (shared) GuardianState;
     char** const environment = reinterpret_cast<char**>(m_state + 1);
-    char* text = reinterpret_cast<char*>(environment + variables + 1);
-    for (size_t i = 0; i < variables; ++i)
-        environment[i] = place(environ[i], text);
-    m_state->server.program = place(program.c_str(), text);
+    char* text = reinterpret_cast<char*>(environment + variables.size() + 1);
+    for (size_t i = 0; i < variables.size(); ++i)
+        environment[i] = place(variables[i], text);
+    m_state->server.program = place(program, text);
     m_state->server.environment = environment;
-    m_state->server.stack_top = m_mapping + kStacks;
+    m_state->server.stack_top = m_stacks + kStacks;
 }
 
 GuardianMemory::~GuardianMemory() {
-    if (isThere())
-        (void)munmap(m_mapping, m_size); // it is there
+    if (m_stacks != nullptr && m_owner == getpid()) // in a forked child, the place may be another's
+        (void)munmap(m_stacks, kStacks);
+    if (m_state != nullptr)
+        (void)munmap(m_state, m_shared_size);
+}
+
+void* GuardianMemory::stackTop() const {
+    return m_stacks + kPage + kGuardianStack;
 }
 
 } // namespace vantor::client

@@ -2,13 +2,21 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+#include <optional>
+#include <string_view>
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 namespace vantor::client {
 
 namespace {
+
+using testing::ElementsAre;
+
+constexpr size_t kPage = 4096;
 
 struct Mapping {
     uint64_t begin = 0;
@@ -39,6 +47,15 @@ std::string rightsBelow(const void* stack_top) {
     return "no such memory";
 }
 
+std::vector<std::string> dataHomesOf(const GuardianMemory& memory) {
+    std::vector<std::string> found;
+    for (char* const* variable = memory.state().server.environment; *variable != nullptr; ++variable) {
+        if (std::string_view(*variable).starts_with("XDG_DATA_HOME="))
+            found.emplace_back(*variable);
+    }
+    return found;
+}
+
 TEST(GuardianMemoryTest, HasAGuardBelowEachStack) {
     const GuardianMemory memory("server");
     ASSERT_TRUE(memory.isThere());
@@ -65,6 +82,44 @@ TEST(GuardianMemoryTest, CopiesTheTextsOfTheStart) {
         copied.emplace_back(*variable);
     EXPECT_STREQ("/a/server", server.program);
     EXPECT_EQ(expected, copied);
+}
+
+TEST(GuardianMemoryTest, PutsThePlaceOfDataIntoTheEnvironment) {
+    setenv("XDG_DATA_HOME", "/own", 1);
+    const GuardianMemory own("server");
+    const GuardianMemory other("server", "/other");
+    unsetenv("XDG_DATA_HOME");
+    const GuardianMemory added("server", "/other");
+    EXPECT_THAT(dataHomesOf(own), ElementsAre("XDG_DATA_HOME=/own"));
+    EXPECT_THAT(dataHomesOf(other), ElementsAre("XDG_DATA_HOME=/other"));
+    EXPECT_THAT(dataHomesOf(added), ElementsAre("XDG_DATA_HOME=/other"));
+}
+
+TEST(GuardianMemoryTest, SharesTheStateWithForkedChildrenAndNotTheStacks) {
+    const GuardianMemory memory("server");
+    const pid_t child = fork();
+    if (child == 0) {
+        memory.state().holder = getpid();
+        _exit(rightsBelow(memory.stackTop()) == "no such memory" ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(child, memory.state().holder);
+}
+
+TEST(GuardianMemoryTest, LeavesToAForkedChildWhatItPutInThePlaceOfTheStacks) {
+    std::optional<GuardianMemory> memory("server");
+    const pid_t child = fork();
+    if (child == 0) {
+        void* const place = static_cast<char*>(memory->stackTop()) - kPage;
+        (void)mmap(place, kPage, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+        memory.reset();
+        _exit(msync(place, kPage, MS_ASYNC) == 0 ? 0 : 1); // fails for no memory
+    }
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
 }
 
 TEST(GuardianMemoryTest, GivesItselfBack) {

@@ -1,5 +1,8 @@
 #include "client/guardian_process.h"
 
+#include "client/guardian_mark.h"
+#include "client/raw_time.h"
+
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -18,11 +21,13 @@ namespace vantor::client {
 
 namespace {
 
-constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
 constexpr int64_t kForever = INT64_MAX;
 
 /// Nothing tells the guardian of an exec, so that it looks after this time.
 constexpr int64_t kLookAgain = kNanosecondsPerSecond;
+
+/// Nothing tells it of a hold's end: the holder may be another user's by now, who may send it no signal.
+constexpr int64_t kLookForHold = 10'000'000;
 
 constexpr unsigned char kGreeting = 0x01;
 
@@ -59,9 +64,7 @@ struct Start {
 };
 
 int64_t now() {
-    timespec time = {};
-    (void)rawSystemCall(SYS_clock_gettime, CLOCK_MONOTONIC, asWord(&time)); // fails for a wrong clock alone
-    return time.tv_sec * kNanosecondsPerSecond + time.tv_nsec;
+    return rawTime(CLOCK_MONOTONIC);
 }
 
 int64_t after(int64_t span) {
@@ -69,13 +72,18 @@ int64_t after(int64_t span) {
 }
 
 void publish(Guardian& guardian) {
-    __atomic_store_n(&guardian.state.status, __builtin_bit_cast(uint64_t, guardian.status), __ATOMIC_RELEASE);
+    __atomic_store_n(&guardian.state.status, __builtin_bit_cast(uint64_t, guardian.status), __ATOMIC_SEQ_CST);
 }
 
-// Descriptors. A file is marked by its owner, so that another one under the same number is known.
+void publishServer(Guardian& guardian, int32_t server) {
+    guardian.status.server = server;
+    publish(guardian);
+}
+
+// Descriptors. They are marked, so that another file under the same number is known.
 
 bool isOurs(const Guardian& guardian, int descriptor) {
-    return descriptor != -1 && rawSystemCall(SYS_fcntl, descriptor, F_GETOWN) == guardian.self;
+    return isMarkedBy(guardian.self, descriptor);
 }
 
 /// Marks a new descriptor, and leaves the numbers of standard input, output and error alone: they are empty
@@ -90,7 +98,7 @@ int claim(const Guardian& guardian, long descriptor) {
     }
     if (claimed < 0)
         return -1;
-    (void)rawSystemCall(SYS_fcntl, claimed, F_SETOWN, guardian.self); // we are there
+    mark(static_cast<int>(claimed), guardian.self);
     return static_cast<int>(claimed);
 }
 
@@ -134,9 +142,8 @@ bool reapServer(Guardian& guardian, int options) {
         return false;
 
     guardian.server = 0;
-    guardian.status.server = GuardianStatus::kRestarting;
     guardian.status.last_end = static_cast<uint16_t>(status);
-    publish(guardian);
+    publishServer(guardian, GuardianStatus::kRestarting);
     return true;
 }
 
@@ -204,7 +211,7 @@ Start shakeHands(Guardian& guardian, int socket) {
 Start handOver(Guardian& guardian, int socket) {
     GuardianState& state = guardian.state;
     if (state.socket == -1) {
-        state.socket = socket;
+        __atomic_store_n(&state.socket, socket, __ATOMIC_RELEASE);
         return {};
     }
     if (!isOurs(guardian, state.socket))
@@ -246,10 +253,8 @@ Start startServer(Guardian& guardian) {
     const int server_socket = claim(guardian, ends[1]);
     const Start start = socket != -1 && server_socket != -1 ? startServerOn(guardian, socket, server_socket)
                                                             : Start{StartFailure::Socket, -EMFILE};
-    if (start.failure == StartFailure::None) {
-        guardian.status.server = guardian.server;
+    if (start.failure == StartFailure::None)
         return start;
-    }
 
     closeOurs(guardian, socket);
     closeOurs(guardian, server_socket);
@@ -269,36 +274,72 @@ int64_t restartDelay(const GuardianTimes& times, uint32_t restarts) {
     return delay < times.longest_restart_delay ? delay : times.longest_restart_delay;
 }
 
+/// Whether a crash path holds that has not ended.
+bool isHeld(const GuardianState& state) {
+    const int32_t holder = __atomic_load_n(&state.holder, __ATOMIC_SEQ_CST);
+    return holder != 0 && rawSystemCall(SYS_kill, holder, 0) != -ESRCH;
+}
+
+/// Waits until nobody holds, and tells that a start has begun. False when the guardian ends meanwhile.
+bool beginStart(Guardian& guardian) {
+    GuardianState& state = guardian.state;
+    const int64_t limit = after(state.times.longest_hold);
+    while (true) {
+        // Either a crash path sees that a start has begun, or it is seen here.
+        if (!isHeld(state)) {
+            publishServer(guardian, GuardianStatus::kStarting);
+            if (!isHeld(state))
+                return true;
+            publishServer(guardian, GuardianStatus::kRestarting);
+        }
+        if (now() >= limit) // it waits for its parent to ask how it ended, or hangs
+            __atomic_store_n(&state.holder, 0, __ATOMIC_SEQ_CST);
+        else if (await(guardian, -1, after(kLookForHold)) == News::GuardianEnds)
+            return false;
+    }
+}
+
+/// Starts a server when nobody holds, and tells of it.
+Start provideServer(Guardian& guardian) {
+    if (!beginStart(guardian))
+        return {StartFailure::GuardianEnds};
+
+    const bool is_first = guardian.state.socket == -1;
+    const Start start = startServer(guardian);
+    if (start.failure == StartFailure::None && !is_first && guardian.status.restarts != UINT16_MAX)
+        ++guardian.status.restarts;
+    publishServer(guardian, guardian.server != 0 ? guardian.server : GuardianStatus::kRestarting);
+    return start;
+}
+
 void giveUp(Guardian& guardian) {
-    guardian.status.server = GuardianStatus::kGivenUp;
-    publish(guardian);
+    publishServer(guardian, GuardianStatus::kGivenUp);
     (void)await(guardian, -1, kForever);
 }
 
-/// Puts a new server in the place of one that ended, until the guardian ends.
+/// Puts a new server in the place of one that ended, or of none, until the guardian ends.
 void serve(Guardian& guardian) {
     const GuardianTimes& times = guardian.state.times;
     uint32_t restarts = 0; // in a row
     while (true) {
-        const int64_t start = now();
-        if (guardian.server != 0 && await(guardian, -1, kForever) == News::GuardianEnds)
-            return;
-        if (now() - start >= times.steady_time)
-            restarts = 0;
+        if (guardian.server != 0) {
+            const int64_t start = now();
+            if (await(guardian, -1, kForever) == News::GuardianEnds)
+                return;
+            if (now() - start >= times.steady_time)
+                restarts = 0;
+        }
         if (restarts == guardian.state.most_restarts)
             return giveUp(guardian);
         if (await(guardian, -1, after(restartDelay(times, restarts))) == News::GuardianEnds)
             return;
 
         ++restarts;
-        const StartFailure failure = startServer(guardian).failure;
+        const StartFailure failure = provideServer(guardian).failure;
         if (failure == StartFailure::GuardianEnds)
             return;
         if (failure == StartFailure::LostSocket)
             return giveUp(guardian);
-        if (failure == StartFailure::None && guardian.status.restarts != UINT16_MAX)
-            ++guardian.status.restarts;
-        publish(guardian);
     }
 }
 
@@ -331,17 +372,19 @@ void tellOfStart(GuardianState& state, const Start& start) {
     (void)rawSystemCall(SYS_prctl, PR_SET_NAME, asWord("crash_guardian")); // for ps
     (void)rawSystemCall(SYS_chdir, asWord("/"));                           // keeps no file system busy
 
-    const Start start = startServer(guardian);
-    publish(guardian);
+    const Start start = provideServer(guardian);
     tellOfStart(state, start);
-    if (start.failure == StartFailure::None)
+    if (start.failure == StartFailure::None || state.stays_without_server != 0)
         serve(guardian);
 
     // Nothing else ends it; it sends what it has first.
     if (guardian.server != 0)
         (void)rawSystemCall(SYS_kill, guardian.server, SIGHUP);
+    closeOurs(guardian, state.socket);
     closeOurs(guardian, guardian.application);
     closeOurs(guardian, guardian.signals);
+    // For forked children: the kernel does it only while the memory is the application's, too.
+    __atomic_store_n(&state.guardian, 0, __ATOMIC_RELEASE);
     while (true)
         (void)rawSystemCall(SYS_exit_group, 0);
 }

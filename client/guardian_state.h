@@ -5,7 +5,8 @@
 #include <cstdint>
 #include <sys/types.h>
 
-// What the application and its guardian share: they are two processes in one memory.
+// What the application, its guardian and its forked children share. The first two are two processes in one
+// memory; the children have these pages in common with them.
 
 namespace vantor::client {
 
@@ -15,6 +16,7 @@ struct GuardianTimes {
     int64_t first_restart_delay = 0; ///< each further one in a row waits twice as long
     int64_t longest_restart_delay = 0;
     int64_t steady_time = 0; ///< a server that ran so long begins a new row
+    int64_t longest_hold = 0;
 };
 
 /// The step at which a server could not be had.
@@ -34,6 +36,7 @@ enum class StartFailure : uint32_t {
 struct GuardianStatus {
     static constexpr int32_t kRestarting = 0;
     static constexpr int32_t kGivenUp = -1;
+    static constexpr int32_t kStarting = -2; ///< one runs and does not serve yet
     static constexpr uint16_t kNoEnd = 0xffff;
 
     int32_t server = kRestarting; ///< the process id of one that serves, or a constant
@@ -49,7 +52,8 @@ struct GuardianState {
     uint64_t descriptor_address = 0; ///< of the annotations
     GuardianTimes times;
     uint32_t most_restarts = 0; ///< in a row
-    uint64_t mark = 0;          ///< stands at this address in no other program
+    uint32_t stays_without_server = 0;
+    uint64_t mark = 0; ///< stands at this address in no other program
 
     // Written by the guardian. `is_started` is a futex that becomes 1 once, after the two below.
     uint32_t is_started = 0;
@@ -60,7 +64,10 @@ struct GuardianState {
 
     uint32_t is_stopped = 0; ///< written by the application
 
-    /// The guardian's process id, a futex that the kernel sets to 0 when it ends.
+    /// The process that writes a report by itself, with no server beside it; 0: none.
+    int32_t holder = 0;
+
+    /// The guardian's process id, 0 once it ends: a futex of the kernel's.
     int32_t guardian = 0;
 };
 

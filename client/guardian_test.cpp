@@ -1,5 +1,6 @@
 #include "client/guardian.h"
 
+#include "client/guarded_service.h"
 #include "tests/support/descriptor.h"
 #include "tests/support/eventually.h"
 #include "tests/support/namespaces.h"
@@ -18,6 +19,7 @@
 #include <map>
 #include <set>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -37,6 +39,9 @@ using Condition = GuardianHealth::Condition;
 
 // What a server does whose executable is a script. Its socket is descriptor 3.
 const std::string kGreets = "printf '\\001' >&3; head -c 8 <&3 >/dev/null; ";
+const std::string kServes = "exec sleep 1000";
+
+constexpr unsigned int kNobody = 65534;
 
 std::set<pid_t> processes() {
     std::set<pid_t> pids;
@@ -109,6 +114,51 @@ size_t countDescriptors() {
     return descriptorsOf(getpid()).size();
 }
 
+/// Does it in a forked child, whose expectations count.
+template <typename Body>
+pid_t startChild(const Body& body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    return child;
+}
+
+void awaitChild(pid_t child) {
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ("exit 0", test::describeEnd(status));
+}
+
+template <typename Body>
+void inChild(const Body& body) {
+    awaitChild(startChild(body));
+}
+
+/// A pipe on which one process waits for another one.
+class Signal {
+public:
+    Signal() {
+        std::array<int, 2> ends = {-1, -1};
+        EXPECT_EQ(0, pipe2(ends.data(), O_CLOEXEC));
+        m_reading = test::Descriptor(ends[0]);
+        m_writing = test::Descriptor(ends[1]);
+    }
+
+    /// False when nobody can give it any more.
+    bool wait() {
+        char byte = 0;
+        m_writing.reset();
+        return read(m_reading.get(), &byte, 1) == 1;
+    }
+    void give() { EXPECT_EQ(1, write(m_writing.get(), "x", 1)); }
+
+private:
+    test::Descriptor m_reading;
+    test::Descriptor m_writing;
+};
+
 class GuardianTest : public testing::Test {
 protected:
     GuardianTest() {
@@ -132,6 +182,16 @@ protected:
         m_guardian = std::move(started.guardian);
         ASSERT_NE(nullptr, m_guardian) << started.error;
         EXPECT_EQ("", started.error);
+    }
+
+    /// Starts a guardian whose first server fails; returns the reason.
+    std::string startWithoutServer() {
+        m_options.stays_without_server = true;
+        StartedGuardian started = Guardian::start(m_options);
+        m_guardian = std::move(started.guardian);
+        EXPECT_NE(nullptr, m_guardian);
+        EXPECT_EQ("crash_guardian", statusOf(health().guardian, "Name"));
+        return started.error;
     }
 
     /// The reason why a start fails, which leaves nothing behind.
@@ -161,6 +221,22 @@ protected:
         test::writeFile(m_options.server, "#!/bin/sh\n" + commands + "\n");
         std::filesystem::permissions(m_options.server, std::filesystem::perms::owner_all);
         return m_options.server;
+    }
+
+    /// Starts a guardian, for a forked child, whose server is replaced as any.
+    void expectServiceOfOneself() {
+        start();
+        EXPECT_EQ(std::to_string(getpid()), statusOf(health().guardian, "PPid"));
+        replaceServer();
+        EXPECT_EQ(Condition::Serving, health().condition);
+        EXPECT_EQ(m_guardian->socket(), markedSocket(*m_guardian->state()));
+    }
+
+    /// Ends what start() began, in a forked child.
+    void endService() {
+        const pid_t server = health().server;
+        m_guardian.reset();
+        EXPECT_TRUE(eventually([&] { return !test::exists("/proc/" + std::to_string(server)); }));
     }
 
     const test::TemporaryDirectory m_directory;
@@ -280,6 +356,128 @@ TEST_F(GuardianTest, TakesAHangUpOfAnybodyForAnEndLikeAnyOther) {
     EXPECT_EQ("exit 0", test::describeEnd(health().last_end.value_or(-1)));
 }
 
+// A crash path that writes a report by itself.
+
+TEST_F(GuardianTest, StartsNoServerWhileAForkedChildHolds) {
+    start();
+    GuardianState& state = *m_guardian->state();
+    Signal end_of_hold;
+    const pid_t child = startChild([&] {
+        EXPECT_TRUE(hold(state));
+        EXPECT_TRUE(end_of_hold.wait());
+        release(state);
+    });
+    ASSERT_TRUE(eventually([&] { return state.holder == child; }));
+    ASSERT_EQ(0, kill(health().server, SIGKILL));
+    EXPECT_FALSE(eventually([&] { return health().restarts != 0 || isServerStarting(state); }, 200ms));
+    EXPECT_EQ(Condition::Restarting, health().condition);
+    EXPECT_EQ(0, serverOf(state));
+
+    end_of_hold.give();
+    EXPECT_TRUE(eventually([&] { return health().restarts == 1; }));
+    EXPECT_EQ(health().server, serverOf(state));
+    awaitChild(child);
+}
+
+TEST_F(GuardianTest, TakesAHoldToBeOverWhenTheHolderHasGone) {
+    start();
+    GuardianState& state = *m_guardian->state();
+    inChild([&] { EXPECT_TRUE(hold(state)); });
+    EXPECT_NE(0, state.holder);
+    replaceServer();
+
+    EXPECT_TRUE(hold(state));
+    EXPECT_EQ(getpid(), state.holder);
+    release(state);
+    EXPECT_EQ(0, state.holder);
+}
+
+TEST_F(GuardianTest, TakesAHoldToBeOverAfterItsTime) {
+    m_options.longest_hold = 300ms;
+    start();
+    ASSERT_TRUE(hold(*m_guardian->state()));
+    const auto begin = std::chrono::steady_clock::now();
+    replaceServer();
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 300ms);
+    EXPECT_EQ(0, m_guardian->state()->holder);
+}
+
+TEST_F(GuardianTest, IsHeldByOneProcessAtATime) {
+    start();
+    GuardianState& state = *m_guardian->state();
+    ASSERT_TRUE(hold(state));
+    EXPECT_TRUE(hold(state));
+    inChild([&] {
+        EXPECT_FALSE(hold(state));
+        release(state);
+    });
+    EXPECT_EQ(getpid(), state.holder);
+    release(state);
+}
+
+TEST_F(GuardianTest, EndsWhileItIsHeld) {
+    start();
+    ASSERT_TRUE(hold(*m_guardian->state()));
+    ASSERT_EQ(0, kill(health().server, SIGKILL));
+    ASSERT_TRUE(eventually([&] { return health().condition == Condition::Restarting; }));
+    m_guardian->stop();
+    EXPECT_EQ(nullptr, m_guardian->state());
+}
+
+TEST_F(GuardianTest, TellsThatAServerIsStarting) {
+    const std::string may_greet = m_directory / "may-greet";
+    useScript("while ! test -e " + may_greet + "; do sleep 0.01; done; " + kGreets + kServes);
+    test::writeFile(may_greet, "");
+    start();
+    GuardianState& state = *m_guardian->state();
+    EXPECT_FALSE(isServerStarting(state));
+    std::filesystem::remove(may_greet);
+    ASSERT_EQ(0, kill(health().server, SIGKILL));
+    EXPECT_TRUE(eventually([&] { return isServerStarting(state); }));
+    EXPECT_EQ(0, serverOf(state));
+    EXPECT_EQ(Condition::Restarting, health().condition);
+    EXPECT_TRUE(hold(state));
+    test::writeFile(may_greet, "");
+    EXPECT_TRUE(eventually([&] { return serverOf(state) != 0; })); // it was too late to hold it back
+    EXPECT_FALSE(isServerStarting(state));
+    release(state);
+}
+
+TEST_F(GuardianTest, TellsWhetherTheSocketIsTheGuardians) {
+    start();
+    GuardianState& state = *m_guardian->state();
+    const int socket = m_guardian->socket();
+    EXPECT_EQ(socket, markedSocket(state));
+    inChild([&] {
+        EXPECT_EQ(socket, markedSocket(state));
+        const test::Descriptor other(open("/dev/null", O_RDONLY));
+        ASSERT_EQ(socket, dup2(other.get(), socket));
+        EXPECT_EQ(-1, markedSocket(state));
+        (void)close(socket);
+        EXPECT_EQ(-1, markedSocket(state));
+    });
+    ASSERT_EQ(0, kill(guardianOf(state), SIGKILL));
+    EXPECT_TRUE(eventually([&] { return markedSocket(state) == -1; }));
+    EXPECT_EQ(0, guardianOf(state));
+    EXPECT_EQ(0, serverOf(state));
+}
+
+TEST_F(GuardianTest, ShowsAForkedChildTheServerThatLives) {
+    start();
+    const pid_t first = health().server;
+    Signal replacement;
+    const pid_t child = startChild([&] {
+        const GuardianState& state = *m_guardian->state();
+        EXPECT_TRUE(replacement.wait());
+        EXPECT_NE(first, serverOf(state));
+        EXPECT_EQ("crash_server", statusOf(serverOf(state), "Name"));
+        EXPECT_EQ(Condition::Gone, health().condition);
+    });
+    replaceServer();
+    replacement.give();
+    awaitChild(child);
+}
+
 TEST_F(GuardianTest, SaysThatThereIsNoServer) {
     m_options.server = m_directory / "nothing";
     EXPECT_EQ("The crash server " + m_options.server +
@@ -329,10 +527,91 @@ TEST_F(GuardianTest, SaysThatTheServerGreetedInAnotherWay) {
     EXPECT_THAT(failure(), HasSubstr("did not greet as a crash server does"));
 }
 
+// A start that may be followed by others.
+
+TEST_F(GuardianTest, GoesOnWithoutAServerUntilThereIsOne) {
+    m_options.server = m_directory / "server";
+    m_options.most_restarts = 1'000;
+    const std::string failed = startWithoutServer();
+    EXPECT_THAT(failed, HasSubstr("could not be run: No such file or directory."));
+    EXPECT_EQ(-1, m_guardian->socket());
+    EXPECT_EQ(-1, markedSocket(*m_guardian->state()));
+    EXPECT_EQ(Condition::Restarting, health().condition);
+
+    std::filesystem::create_symlink(test::kCrashServer, m_options.server);
+    ASSERT_TRUE(eventually([&] { return health().condition == Condition::Serving; }));
+    const int socket = m_guardian->socket();
+    EXPECT_EQ(FD_CLOEXEC, fcntl(socket, F_GETFD));
+    EXPECT_EQ(socket, markedSocket(*m_guardian->state()));
+    EXPECT_EQ(0U, health().restarts); // it is the first
+    EXPECT_EQ("exit 127", test::describeEnd(health().last_end.value_or(0)));
+
+    std::filesystem::remove(m_options.server);
+    ASSERT_EQ(0, kill(health().server, SIGKILL));
+    ASSERT_TRUE(eventually([&] { return health().condition == Condition::Restarting; }));
+    std::filesystem::create_symlink(test::kCrashServer, m_options.server);
+    ASSERT_TRUE(eventually([&] { return health().restarts == 1; }));
+    EXPECT_EQ(socket, m_guardian->socket());
+}
+
+TEST_F(GuardianTest, GoesOnWithoutAServerWhateverFailed) {
+    m_options.greeting_deadline = 50ms;
+    m_options.first_restart_delay = m_options.longest_restart_delay = 1h;
+    const std::map<std::string, std::string> errors = {
+        {"exit 3", "ended before it served (exit status 3)"},
+        {kServes, "did not greet within 50 ms"},
+        {"printf x >&3; " + kServes, "did not greet as a crash"}};
+    for (const auto& [commands, error] : errors) {
+        useScript(commands);
+        EXPECT_THAT(startWithoutServer(), HasSubstr(error));
+        EXPECT_EQ(Condition::Restarting, health().condition);
+        EXPECT_EQ(-1, m_guardian->socket());
+        m_guardian->stop();
+        EXPECT_EQ(Condition::Gone, health().condition);
+    }
+    std::filesystem::permissions(m_options.server, std::filesystem::perms::owner_read);
+    EXPECT_THAT(startWithoutServer(), HasSubstr("could not be run: Permission denied."));
+}
+
+TEST_F(GuardianTest, GivesUpAfterSoManyStartsWithoutAServer) {
+    const std::string starts = m_directory / "starts";
+    useScript("date +%s%N >>" + starts + "; exit 7");
+    m_options.first_restart_delay = 20ms;
+    m_options.longest_restart_delay = 50ms;
+    m_options.steady_time = 0ms; // counts for those that serve alone
+    m_options.most_restarts = 3;
+    startWithoutServer();
+    ASSERT_TRUE(eventually([&] { return health().condition == Condition::GivenUp; }));
+    EXPECT_EQ(-1, m_guardian->socket());
+    EXPECT_EQ("exit 7", test::describeEnd(health().last_end.value_or(0)));
+
+    std::ifstream stream(starts);
+    const std::vector<int64_t> times(std::istream_iterator<int64_t>(stream), {});
+    ASSERT_EQ(4U, times.size());
+    EXPECT_GE(times[1] - times[0], 20'000'000);
+    EXPECT_GE(times[2] - times[1], 40'000'000);
+    EXPECT_GE(times[3] - times[2], 50'000'000);
+}
+
+TEST_F(GuardianTest, NeedsAProcessOfItsOwnEvenWithoutAServer) {
+    m_options.stays_without_server = true;
+    inChild([&] {
+        const rlimit none = {0, 0};
+        ASSERT_EQ(0, setgid(kNobody));
+        ASSERT_EQ(0, setuid(kNobody)); // root has no limit
+        ASSERT_EQ(0, setrlimit(RLIMIT_NPROC, &none));
+        const StartedGuardian started = Guardian::start(m_options);
+        EXPECT_EQ(nullptr, started.guardian);
+        EXPECT_EQ("The guardian of the crash server could not be started: Resource temporarily unavailable. "
+                  "Allow this user more processes (ulimit -u).",
+                  started.error);
+    });
+}
+
 TEST_F(GuardianTest, FindsAServerByARelativePath) {
     const std::string directory = std::filesystem::current_path();
     ASSERT_EQ(0, chdir(m_directory.path().c_str()));
-    useScript(kGreets + "exec sleep 1000");
+    useScript(kGreets + kServes);
     m_options.server = "./server";
     start();
     ASSERT_EQ(0, chdir("/"));
@@ -443,13 +722,37 @@ TEST_F(GuardianTest, GivesTheServerTheMaskAndWhatIsIgnored) {
 
 TEST_F(GuardianTest, GivesTheServerTheEnvironmentOfTheStart) {
     const std::string value = m_directory / "value";
-    useScript("echo \"$GUARDIAN_TEST\" >>" + value + "; " + kGreets + "exec sleep 1000");
+    useScript("echo \"$GUARDIAN_TEST\" >>" + value + "; " + kGreets + kServes);
     setenv("GUARDIAN_TEST", "first", 1);
     start();
     setenv("GUARDIAN_TEST", "second", 1);
     replaceServer();
     unsetenv("GUARDIAN_TEST");
     EXPECT_EQ("first\nfirst\n", test::readFile(value));
+}
+
+TEST_F(GuardianTest, GivesTheServerAPlaceOfData) {
+    const std::string value = m_directory / "value";
+    useScript("echo \"$XDG_DATA_HOME $HOME\" >>" + value + "; " + kGreets + kServes);
+    m_options.data_home = "/a place";
+    start();
+    replaceServer();
+    const std::string line = "/a place " + std::string(getenv("HOME")) + "\n";
+    EXPECT_EQ(line + line, test::readFile(value));
+    EXPECT_EQ(m_directory.path(), getenv("XDG_DATA_HOME"));
+}
+
+TEST_F(GuardianTest, GivesTheServerASessionOfItsOwn) {
+    start();
+    const auto expectOwnSession = [&] {
+        const pid_t server = health().server;
+        EXPECT_EQ(server, getsid(server));
+        EXPECT_EQ(server, getpgid(server));
+    };
+    expectOwnSession();
+    replaceServer();
+    expectOwnSession();
+    EXPECT_EQ(getsid(0), getsid(health().guardian));
 }
 
 TEST_F(GuardianTest, EndsWithAStop) {
@@ -466,10 +769,12 @@ TEST_F(GuardianTest, EndsWithAStop) {
 }
 
 TEST_F(GuardianTest, EndsWithAStopWhenItCannotByItself) {
+    const std::map<int, std::string> before = descriptorsOf(getpid());
     start();
     const pid_t server = health().server;
     ASSERT_EQ(0, kill(health().guardian, SIGSTOP));
     m_guardian->stop();
+    EXPECT_EQ(before, descriptorsOf(getpid()));
     EXPECT_TRUE(test::waitForOrphan(server).has_value());
 }
 
@@ -498,20 +803,6 @@ TEST_F(GuardianTest, StartsAgainAfterAStop) {
     EXPECT_TRUE(test::waitForOrphan(first).has_value());
 }
 
-/// Does it in a forked child, whose expectations count.
-template <typename Body>
-void inChild(const Body& body) {
-    const pid_t child = fork();
-    ASSERT_NE(-1, child);
-    if (child == 0) {
-        body();
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = -1;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_EQ("exit 0", test::describeEnd(status));
-}
-
 TEST_F(GuardianTest, IsDeadToAForkedChild) {
     start();
     inChild([&] {
@@ -527,6 +818,102 @@ TEST_F(GuardianTest, CanBeHadByAForkedChild) {
         start();
         EXPECT_EQ(Condition::Serving, health().condition);
         m_guardian->stop();
+    });
+}
+
+// Forked children that have a guardian of their own in the place of the one that they inherited.
+
+TEST_F(GuardianTest, IsReplacedInAForkedChild) {
+    const std::map<int, std::string> before = descriptorsOf(getpid());
+    start();
+    const GuardianHealth own = health();
+    const std::map<int, std::string> with_guardian = descriptorsOf(getpid());
+    inChild([&] {
+        m_guardian.reset();
+        EXPECT_EQ(before, descriptorsOf(getpid()));
+        expectServiceOfOneself();
+        EXPECT_NE(own.server, health().server);
+        EXPECT_NE(own.guardian, health().guardian);
+        endService();
+        EXPECT_EQ(before, descriptorsOf(getpid()));
+    });
+    EXPECT_EQ(Condition::Serving, health().condition);
+    EXPECT_EQ(own.server, health().server);
+    EXPECT_EQ(own.guardian, health().guardian);
+    EXPECT_EQ(with_guardian, descriptorsOf(getpid()));
+    replaceServer();
+}
+
+TEST_F(GuardianTest, IsReplacedInAChildThatAThreadForked) {
+    const std::map<int, std::string> before = descriptorsOf(getpid());
+    start();
+    std::thread([&] {
+        inChild([&] {
+            m_guardian.reset();
+            EXPECT_EQ(before, descriptorsOf(getpid()));
+            expectServiceOfOneself();
+            endService();
+        });
+    }).join();
+    EXPECT_EQ(Condition::Serving, health().condition);
+    replaceServer();
+}
+
+TEST_F(GuardianTest, IsReplacedInADaemon) {
+    const std::map<int, std::string> before = descriptorsOf(getpid());
+    const std::string pid = m_directory / "pid";
+    inChild([&] {
+        start();
+        const pid_t guardian = health().guardian;
+        startChild([&] {
+            EXPECT_NE(-1, setsid());
+            startChild([&] {
+                // Its grandparent's guardian ends with the latter.
+                EXPECT_TRUE(eventually([&] { return !test::exists("/proc/" + std::to_string(guardian)); }));
+                EXPECT_EQ(0, guardianOf(*m_guardian->state()));
+                EXPECT_EQ(-1, markedSocket(*m_guardian->state()));
+                m_guardian.reset();
+                EXPECT_EQ(before, descriptorsOf(getpid()));
+                expectServiceOfOneself();
+                endService();
+                test::writeFile(pid, std::to_string(getpid()));
+            });
+        });
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    });
+    ASSERT_TRUE(eventually([&] { return !test::readFile(pid).empty(); }));
+    const std::optional<int> end = test::waitForOrphan(std::stoi(test::readFile(pid)));
+    EXPECT_EQ("exit 0", end ? test::describeEnd(*end) : "still there");
+}
+
+TEST_F(GuardianTest, IsReplacedInAChildThatWasForkedDuringAStart) {
+    const std::string may_greet = m_directory / "may-greet";
+    useScript("while ! test -e " + may_greet + "; do sleep 0.01; done; " + kGreets + kServes);
+    const std::map<int, std::string> before = descriptorsOf(getpid());
+    test::writeFile(may_greet, "");
+    start();
+    std::filesystem::remove(may_greet);
+    ASSERT_EQ(0, kill(health().server, SIGKILL));
+    ASSERT_TRUE(eventually([&] { return countDescriptors() == before.size() + 4; }));
+    inChild([&] {
+        EXPECT_EQ(before.size() + 4, countDescriptors());
+        m_guardian.reset();
+        EXPECT_EQ(before, descriptorsOf(getpid()));
+    });
+    test::writeFile(may_greet, "");
+    EXPECT_TRUE(eventually([&] { return health().restarts == 1; }));
+}
+
+TEST_F(GuardianTest, LeavesTheDescriptorsOfANewerGuardian) {
+    start();
+    inChild([&] {
+        ASSERT_EQ(0, close_range(3, ~0U, 0)); // as a daemon does
+        const std::unique_ptr<Guardian> inherited = std::move(m_guardian);
+        start(); // under the same numbers
+        inherited->stop();
+        replaceServer();
+        EXPECT_EQ(m_guardian->socket(), markedSocket(*m_guardian->state()));
+        endService();
     });
 }
 

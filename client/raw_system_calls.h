@@ -21,6 +21,11 @@ inline constexpr KernelSignalSet kAllSignals = ~KernelSignalSet(0);
     return reinterpret_cast<long>(pointer);
 }
 
+#ifdef __clang_analyzer__
+// It would not know what the kernel writes through the arguments.
+long rawSystemCall(long number, long first = 0, long second = 0, long third = 0, long fourth = 0,
+                   long fifth = 0, long sixth = 0);
+#else
 [[gnu::always_inline]] static inline long rawSystemCall(long number, long first = 0, long second = 0,
                                                         long third = 0, long fourth = 0, long fifth = 0,
                                                         long sixth = 0) {
@@ -34,6 +39,7 @@ inline constexpr KernelSignalSet kAllSignals = ~KernelSignalSet(0);
                  : "rcx", "r11", "memory");
     return result;
 }
+#endif
 
 /// A new process or thread that calls `entry` on a stack of its own and must not return from there. `thread`
 /// is where CLONE_PARENT_SETTID and CLONE_CHILD_CLEARTID write. Returns the number of the new one.

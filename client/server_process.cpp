@@ -46,6 +46,7 @@ long arrangeDescriptors(int socket) {
     Launch& launch = *static_cast<Launch*>(argument);
     const ServerProcess& server = launch.server;
 
+    (void)rawSystemCall(SYS_setsid); // a new process may
     launch.error = arrangeDescriptors(launch.socket);
     if (launch.error == 0) {
         const char* const arguments[] = {server.program, "3", nullptr};

@@ -20,9 +20,10 @@ struct LaunchedServer {
     long error = 0; ///< why the program does not run, although there is a process; 0: it runs
 };
 
-/// Starts the crash server as a child of the calling process, with the end of a socket as descriptor 3. It
-/// has standard error besides, and /dev/null for standard input and output; for standard error as well if
-/// the caller has none. Ignored signals stay so, also SIGPIPE if the caller ignores it.
+/// Starts the crash server as a child of the calling process, in a session of its own, so that no terminal
+/// ends it before it has sent its reports. The end of a socket is its descriptor 3. It has standard error
+/// besides, and /dev/null for standard input and output; for standard error as well if the caller has none.
+/// Ignored signals stay so, also SIGPIPE if the caller ignores it.
 ///
 /// To be called with all signals blocked and none caught. Returns once the program runs; the caller waits for
 /// the process's end in any case. No C library: any process may call that has this memory.
