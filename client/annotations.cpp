@@ -2,6 +2,7 @@
 
 #include "client/annotation_text.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -45,6 +46,16 @@ AnnotationError Annotations::clearReserved(std::string_view name) {
     return error != AnnotationError::None ? error : clearRecord(record);
 }
 
+void Annotations::addFact(std::string_view name, std::string_view value) {
+    CustomDataEntry* const fact = m_table->addFact();
+    if (fact == nullptr)
+        return;
+    std::copy_n(name.data(), std::min(name.size(), sizeof(fact->name) - 1), fact->name);
+    const size_t size = std::min(value.size(), sizeof(fact->value) - 1);
+    std::replace_copy_if(
+        value.data(), value.data() + size, fact->value, [](char c) { return c == '\n' || c == '\0'; }, ' ');
+}
+
 AnnotationError Annotations::setRecord(const CustomDataEntry& record) {
     RecordTable::Change change(*m_table);
     if (change.error() != AnnotationError::None)
@@ -54,7 +65,7 @@ AnnotationError Annotations::setRecord(const CustomDataEntry& record) {
     const size_t i = change.find(record);
     if (i < m_table->fixedCount())
         return AnnotationError::NameReserved;
-    if (i == m_table->capacity())
+    if (i >= m_table->capacity())
         return AnnotationError::TableFull;
 
     const size_t old_bytes = i < shown.size() ? textBytes(shown[i]) : 0;

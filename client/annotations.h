@@ -52,6 +52,11 @@ public:
     void freeze() { m_table->freeze(); }
     void thaw() { m_table->thaw(); }
 
+    /// For the one who has frozen them: adds a fact of this moment, cut where an annotation ends, and takes
+    /// all of them back before the thaw.
+    void addFact(std::string_view name, std::string_view value);
+    void dropFacts() { m_table->dropFacts(); }
+
     /// What the server is told in the hand-shake; it never moves.
     const crash::CustomDataDescriptor* descriptor() const { return m_table->descriptor(); }
 

@@ -57,6 +57,52 @@ TEST_F(AnnotationsTest, ATableStartsEmpty) {
     EXPECT_EQ(reinterpret_cast<uintptr_t>(m_annotations->descriptor()) % 16, 0U);
 }
 
+TEST_F(AnnotationsTest, FactsStandBehindTheAnnotationsAndGo) {
+    ASSERT_EQ(set("a", "1"), AnnotationError::None);
+    m_annotations->freeze();
+    m_annotations->addFact("thread_name", "worker");
+    m_annotations->addFact("text", "two\nlines");
+    EXPECT_THAT(shown(),
+                ElementsAre(Pair("a", "1"), Pair("text", "two lines"), Pair("thread_name", "worker")));
+
+    m_annotations->dropFacts();
+    m_annotations->thaw();
+    EXPECT_THAT(shown(), ElementsAre(Pair("a", "1")));
+    EXPECT_EQ(set("b", "2"), AnnotationError::None);
+    EXPECT_THAT(shown(), ElementsAre(Pair("a", "1"), Pair("b", "2")));
+}
+
+TEST_F(AnnotationsTest, AFactIsCutWhereAnAnnotationEnds) {
+    m_annotations->freeze();
+    m_annotations->addFact(std::string(100, 'n'), std::string(300, 'v'));
+    EXPECT_THAT(shown(), ElementsAre(Pair(std::string(63, 'n'), std::string(255, 'v'))));
+}
+
+TEST_F(AnnotationsTest, AFullTableHasRoomForFacts) {
+    const auto small = tableOf({.capacity = 1});
+    ASSERT_EQ(small->set("a", "1"), AnnotationError::None);
+    small->freeze();
+    for (size_t i = 0; i < vantor::client::RecordTable::kMostFacts + 3; ++i)
+        small->addFact("fact_" + std::to_string(i), "value");
+    EXPECT_THAT(vantor::test::shownAnnotations(small->descriptor()),
+                SizeIs(1 + vantor::client::RecordTable::kMostFacts));
+}
+
+TEST_F(AnnotationsTest, AForkedChildKeepsItsParentsFactsAndAddsItsOwn) {
+    m_annotations->freeze();
+    m_annotations->addFact("uptime_seconds", "1");
+    const int status = inChild([&] {
+        if (set("child", "1") != AnnotationError::None)
+            return 1;
+        m_annotations->freeze();
+        m_annotations->dropFacts();
+        m_annotations->addFact("uptime_seconds", "2");
+        const Params expected = {{"child", "1"}, {"uptime_seconds", "2"}};
+        return shown() == expected ? 0 : 2;
+    });
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(AnnotationsTest, WhatIsSetIsShown) {
     EXPECT_EQ(set("product", "raw hand-shake"), AnnotationError::None);
     EXPECT_EQ(set("version", "1.0"), AnnotationError::None);

@@ -8,6 +8,7 @@
 #include <immintrin.h>
 #include <new>
 #include <sys/mman.h>
+#include <unistd.h>
 
 namespace vantor::client {
 
@@ -64,7 +65,7 @@ struct RecordTable::Layout {
 };
 
 std::unique_ptr<RecordTable> RecordTable::map(size_t capacity, size_t fixed_count) {
-    const Layout layout(capacity);
+    const Layout layout(capacity + kMostFacts);
     void* mapping =
         mmap(nullptr, layout.end, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
     if (mapping == MAP_FAILED)
@@ -101,6 +102,27 @@ void RecordTable::freeze() {
 
 void RecordTable::thaw() {
     client::thaw(m_descriptor);
+}
+
+CustomDataEntry* RecordTable::addFact() {
+    const uint32_t count = m_descriptor->count;
+    if (m_fact_process != getpid())
+        m_fact_count = 0;
+    m_fact_process = getpid();
+    if (m_fact_count == kMostFacts || count == m_capacity + kMostFacts)
+        return nullptr;
+
+    CustomDataEntry* const fact = m_arrays[shown() == m_arrays[0] ? 0 : 1] + count;
+    std::memset(fact, 0, sizeof(*fact));
+    ++m_fact_count;
+    m_descriptor->count = count + 1; // nobody else changes it while it is frozen
+    return fact;
+}
+
+void RecordTable::dropFacts() {
+    if (m_fact_process == getpid())
+        m_descriptor->count -= m_fact_count;
+    m_fact_count = 0;
 }
 
 const CustomDataEntry* RecordTable::shown() const {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <sys/types.h>
 
 namespace vantor::client {
 
@@ -40,6 +41,15 @@ public:
     /// See client/published_descriptor.h.
     void freeze();
     void thaw();
+
+    // For the one who has frozen the table, before anybody reads it: facts that only the moment of a report
+    // tells, shown behind the records.
+
+    static constexpr size_t kMostFacts = 8;
+    /// An empty record that is shown from now on; null when there is no room.
+    crash::CustomDataEntry* addFact();
+    /// Those that this process has added. In a forked child the facts of its parent are records like others.
+    void dropFacts();
 
     /// One change, from the setters' lock on. Check error() first: with an error, nothing else may be called.
     class Change {
@@ -87,6 +97,8 @@ private:
     crash::CustomDataEntry* const m_arrays[2];
     Bookkeeping* const m_bookkeeping;
     uint32_t* const m_digests; // of the names, wiped with the bookkeeping
+    uint32_t m_fact_count = 0;
+    pid_t m_fact_process = 0; // that added them
 };
 
 } // namespace vantor::client
