@@ -1,0 +1,175 @@
+// What the client library costs an application at its start and at its end, beside an application that starts
+// the same crash server by hand and leaves the crash to Breakpad's own handler. In alternating runs; the
+// figures are medians.
+//
+//     client_benchmark SERVER DATA_HOME RUNS >FIGURES.json
+
+#include "client/linux/handler/exception_handler.h"
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <functional>
+#include <string>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vantor/crash_client.h>
+#include <vector>
+
+namespace {
+
+namespace client = vantor::crash_client;
+using Clock = std::chrono::steady_clock;
+
+/// What a run tells of itself, as seen by its parent.
+struct Moments {
+    Clock::time_point begin;
+    Clock::time_point serving;
+    Clock::time_point fault;
+};
+
+struct Figures {
+    double start_microseconds = 0;
+    double end_microseconds = 0;
+};
+
+Moments* g_moments = nullptr; // in memory that children share
+std::string g_server;
+std::string g_data_home;
+
+[[noreturn]] void fail(const char* what) {
+    perror(what);
+    _exit(1);
+}
+
+[[noreturn]] void crash() {
+    g_moments->fault = Clock::now();
+    *static_cast<volatile int*>(nullptr) = 1;
+    _exit(1);
+}
+
+/// Nothing is to be sent, so that no server outlives its application.
+void runLibrary() {
+    client::Options options;
+    options.server = g_server.c_str();
+    options.data_home = g_data_home.c_str();
+    options.consent = 0;
+    g_moments->begin = Clock::now();
+    if (const client::Result started = client::start(options); !started) {
+        fprintf(stderr, "%s\n", started.problem().c_str());
+        _exit(1);
+    }
+    g_moments->serving = Clock::now();
+    crash();
+}
+
+struct Annotation {
+    char name[64];
+    char value[256];
+};
+
+void runByHand() {
+    static const Annotation annotations[] = {{"disable_upload", "1"}};
+    static const struct {
+        uint32_t count;
+        uint32_t reserved;
+        const Annotation* first;
+    } list = {1, 0, annotations};
+
+    g_moments->begin = Clock::now();
+    int ends[2];
+    const int on = 1;
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0 ||
+        setsockopt(ends[1], SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) != 0)
+        fail("socketpair");
+    if (vfork() == 0) {
+        (void)fcntl(ends[1], F_SETFD, 0);
+        (void)execl(g_server.c_str(), g_server.c_str(), std::to_string(ends[1]).c_str(), nullptr);
+        _exit(127);
+    }
+    (void)close(ends[1]);
+    char greeting = 0;
+    const auto address = reinterpret_cast<uint64_t>(&list);
+    if (read(ends[0], &greeting, 1) != 1 || write(ends[0], &address, sizeof(address)) != sizeof(address))
+        fail("crash server");
+    const google_breakpad::ExceptionHandler handler(google_breakpad::MinidumpDescriptor("/"), nullptr,
+                                                    nullptr, nullptr, true, ends[0]);
+    g_moments->serving = Clock::now();
+    crash();
+}
+
+double microseconds(Clock::duration span) {
+    return std::chrono::duration<double, std::micro>(span).count();
+}
+
+Figures runOnce(void (*body)()) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        (void)dup2(null, STDERR_FILENO);
+        (void)setenv("XDG_DATA_HOME", g_data_home.c_str(), 1);
+        body();
+    }
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid || !WIFSIGNALED(status) || WTERMSIG(status) != SIGSEGV)
+        fail("a run did not end by its fault");
+    const auto end = Clock::now();
+    return {microseconds(g_moments->serving - g_moments->begin), microseconds(end - g_moments->fault)};
+}
+
+double median(const std::vector<Figures>& runs, double Figures::*figure) {
+    std::vector<double> values;
+    std::transform(runs.begin(), runs.end(), std::back_inserter(values),
+                   [figure](const Figures& run) { return run.*figure; });
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const int runs = argc == 4 ? atoi(argv[3]) : 0;
+    if (runs < 1) {
+        fprintf(stderr, "usage: client_benchmark SERVER DATA_HOME RUNS\n");
+        return 2;
+    }
+    g_server = argv[1];
+    g_data_home = argv[2];
+    void* const memory =
+        mmap(nullptr, sizeof(Moments), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        fail("mmap");
+    g_moments = new (memory) Moments;
+
+    std::vector<Figures> library;
+    std::vector<Figures> by_hand;
+    for (int i = 0; i < runs; ++i) {
+        library.push_back(runOnce(runLibrary));
+        by_hand.push_back(runOnce(runByHand));
+    }
+
+    const struct {
+        const char* name;
+        double Figures::*figure;
+        double goal; // microseconds more
+    } rows[] = {{"start until the server serves", &Figures::start_microseconds, 2000},
+                {"fault to the application's end", &Figures::end_microseconds, 0}};
+    fprintf(stderr, "%-33s %12s %12s %12s %8s\n", "figure (median)", "library", "by hand", "more", "goal");
+    printf("[\n");
+    for (const auto& row : rows) {
+        const double ours = median(library, row.figure);
+        const double theirs = median(by_hand, row.figure);
+        fprintf(stderr, "%-30s us %12.0f %12.0f %12.0f %8.0f\n", row.name, ours, theirs, ours - theirs,
+                row.goal);
+        printf("  {\"figure\": \"%s\", \"unit\": \"us\", \"library\": %.1f, \"by hand\": %.1f, \"ratio\": "
+               "%.3f}%s\n",
+               row.name, ours, theirs, ours / theirs, &row == std::end(rows) - 1 ? "" : ",");
+    }
+    printf("]\n");
+}
