@@ -1,0 +1,46 @@
+# Both libraries show the calls of the C header, all of them and nothing else, and the shared one needs nothing but what
+# every C++ program has. cmake -DNM=... -DREADELF=... -DHEADER=... -DARCHIVE=... -DLIBRARY=... -DSANITIZERS=... -P THIS
+cmake_minimum_required(VERSION 3.25)
+
+file(STRINGS ${HEADER} declarations REGEX "^VANTOR_CRASH_API ")
+foreach(declaration IN LISTS declarations)
+  if(NOT declaration MATCHES "(vantor_crash_[a-z_]+)\\(")
+    message(FATAL_ERROR "There is no name in: ${declaration}")
+  endif()
+  list(APPEND calls ${CMAKE_MATCH_1})
+endforeach()
+list(SORT calls)
+if(NOT vantor_crash_start IN_LIST calls)
+  message(FATAL_ERROR "${HEADER} declares no calls.")
+endif()
+
+# expect_calls(FILE NM_OPTION...): the names that FILE shows are those of the calls.
+function(expect_calls file)
+  execute_process(COMMAND ${NM} ${ARGN} --defined-only --format=just-symbols ${file}
+    OUTPUT_VARIABLE listing COMMAND_ERROR_IS_FATAL ANY)
+  string(REGEX REPLACE "[^\n]*\\.o:\n" "" listing "${listing}")
+  string(REGEX MATCHALL "[^\n]+" shown "${listing}")
+  list(SORT shown)
+  if(NOT shown STREQUAL calls)
+    message(SEND_ERROR "${file} shows:\n${shown}\nThe header declares:\n${calls}")
+  endif()
+endfunction()
+expect_calls(${ARCHIVE} --extern-only)
+expect_calls(${LIBRARY} --dynamic)
+
+execute_process(COMMAND ${READELF} --dynamic --wide ${LIBRARY}
+  OUTPUT_VARIABLE dynamic COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX MATCHALL "\\(NEEDED\\)[^\n]*" needed "${dynamic}")
+if(NOT needed)
+  message(SEND_ERROR "${LIBRARY} needs no library at all:\n${dynamic}")
+endif()
+foreach(line IN LISTS needed)
+  if(NOT SANITIZERS AND NOT line MATCHES "\\[(libstdc\\+\\+\\.so\\.6|libgcc_s\\.so\\.1|libm\\.so\\.6|libc\\.so\\.6|ld-linux-x86-64\\.so\\.2)\\]")
+    message(SEND_ERROR "${LIBRARY} needs more than the C++ library: ${line}")
+  endif()
+endforeach()
+foreach(pattern "soname: \\[libvantor_crash_client\\.so\\.0\\]" "NODELETE" "NOW")
+  if(NOT dynamic MATCHES "${pattern}")
+    message(SEND_ERROR "${LIBRARY} has no ${pattern}:\n${dynamic}")
+  endif()
+endforeach()
