@@ -33,16 +33,16 @@ struct Pipe {
     Descriptor writing;
 };
 
-pid_t startApplication(int standard_input, int standard_output, int standard_error) {
+pid_t startApplication(const char* program, int standard_input, int standard_output, int standard_error) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, standard_input, STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, standard_output, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, standard_error, STDERR_FILENO);
-    std::string name = kTestApplication;
+    std::string name = program;
     std::array<char*, 2> arguments = {name.data(), nullptr};
     pid_t pid = -1;
-    EXPECT_EQ(0, posix_spawn(&pid, kTestApplication, &actions, nullptr, arguments.data(), environ));
+    EXPECT_EQ(0, posix_spawn(&pid, program, &actions, nullptr, arguments.data(), environ));
     posix_spawn_file_actions_destroy(&actions);
     return pid;
 }
@@ -60,10 +60,10 @@ std::string bytesOf(const std::vector<ClientRecord>& records) {
     return std::string(reinterpret_cast<const char*>(records.data()), records.size() * sizeof(ClientRecord));
 }
 
-Application::Application(int standard_error) {
+Application::Application(int standard_error, const char* program) {
     Pipe commands;
     Pipe answers;
-    m_pid = startApplication(commands.reading.get(), answers.writing.get(), standard_error);
+    m_pid = startApplication(program, commands.reading.get(), answers.writing.get(), standard_error);
     m_commands = std::move(commands.writing);
     m_answers = std::move(answers.reading);
 }
@@ -156,6 +156,7 @@ std::string Application::awaitEnd() {
     int status = 0;
     EXPECT_TRUE(eventually([&] { return waitpid(m_pid, &status, WNOHANG) == m_pid; }));
     m_has_ended = true;
+    m_has_core_file = WIFSIGNALED(status) && WCOREDUMP(status);
     return describeEnd(status);
 }
 

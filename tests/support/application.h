@@ -24,8 +24,9 @@ std::string bytesOf(const std::vector<ClientRecord>& records);
 /// A call that the application does not do within 30 seconds, or that it ends over, fails the test.
 class Application {
 public:
-    /// Starts the application; it does nothing by itself. `standard_error` stays the caller's.
-    explicit Application(int standard_error);
+    /// Starts the application; it does nothing by itself. `standard_error` stays the caller's. Another
+    /// program has commands of its own.
+    explicit Application(int standard_error, const char* program = kTestApplication);
     /// Kills the application if it still runs; its server then ends in its own time.
     ~Application();
     Application(const Application&) = delete;
@@ -55,6 +56,8 @@ public:
         pid_t pid;
         std::string end;
     };
+    /// Whether a core file was made of it.
+    bool hasCoreFile() const { return m_has_core_file; }
     /// Does the commands, with semicolons between them, in a forked child, which then ends.
     Child inChild(const std::string& commands);
     /// How the application ended, once its standard input was closed.
@@ -78,6 +81,7 @@ private:
     pid_t m_pid = -1;
     pid_t m_server_pid = -1;
     bool m_has_ended = false;
+    bool m_has_core_file = false;
 };
 
 } // namespace vantor::test

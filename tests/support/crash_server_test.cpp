@@ -63,8 +63,8 @@ CrashServerTest::CrashServerTest()
     openCollector({});
 }
 
-std::unique_ptr<Application> CrashServerTest::startApplication() const {
-    return std::make_unique<Application>(m_words.get());
+std::unique_ptr<Application> CrashServerTest::startApplication(const char* program) const {
+    return std::make_unique<Application>(m_words.get(), program);
 }
 
 std::unique_ptr<Application> CrashServerTest::startGuarded(const std::string& server) const {

@@ -37,7 +37,7 @@ protected:
     CrashServerTest();
 
     /// An application that does nothing yet. What it and its server say goes to words().
-    std::unique_ptr<Application> startApplication() const;
+    std::unique_ptr<Application> startApplication(const char* program = kTestApplication) const;
     /// An application whose server serves, with its crash handler in place.
     std::unique_ptr<Application> startGuarded(const std::string& server = kCrashServer) const;
 

@@ -9,6 +9,9 @@ extern const char* const kCrashServer;
 extern const char* const kImpatientCrashServer;
 extern const char* const kCrashCollector;
 extern const char* const kTestApplication;
+extern const char* const kCrashingApplication;
+/// The crash server behind a Brake.
+extern const char* const kBrakedServer;
 extern const char* const kDumpSyms;
 extern const char* const kMinidumpStackwalk;
 extern const char* const kSymUpload;
