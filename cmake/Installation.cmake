@@ -14,6 +14,7 @@ set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/VantorCrash)
 function(vantor_install)
   install(TARGETS crash_server RUNTIME DESTINATION ${server_directory})
   install(TARGETS crash_collector crash_walker) # the first finds the second beside itself
+  install(TARGETS crash_doctor)
   install(TARGETS vantor_crash_client_shared vantor_crash_client_static
     EXPORT VantorCrashTargets
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})

@@ -1,10 +1,9 @@
 #include "tests/support/covered_file.h"
 #include "tests/support/crash_server_test.h"
+#include "tests/support/library_path.h"
 #include "tests/support/messages.h"
 
-#include <dlfcn.h>
 #include <functional>
-#include <link.h>
 #include <ostream>
 
 namespace vantor::test {
@@ -76,19 +75,6 @@ const Trouble kTroubles[] = {
          return showing(authority.issue("other", CertificateAuthority::Flaw::OtherHost));
      }},
 };
-
-/// Where the dynamic linker finds libcurl.
-std::string curlLibrary() {
-    void* library = dlopen("libcurl.so.4", RTLD_LAZY | RTLD_LOCAL);
-    const link_map* entry = nullptr;
-    std::string path;
-    if (library != nullptr && dlinfo(library, RTLD_DI_LINKMAP, &entry) == 0)
-        path = entry->l_name;
-    EXPECT_NE("", path);
-    if (library != nullptr)
-        (void)dlclose(library); // it has been found
-    return path;
-}
 
 class NetworkTest : public CrashServerTest {
 protected:
@@ -208,7 +194,7 @@ TEST_F(NetworkTest, TheNextServerSendsWhatAFreshCrashCouldNot) {
 
 TEST_F(NetworkTest, AMachineWithoutLibcurlKeepsThePairsForOneThatHasIt) {
     {
-        const CoveredFile hidden(curlLibrary(), "/dev/null");
+        const CoveredFile hidden(libraryPath("libcurl.so.4"), "/dev/null");
         const auto application = startGuarded();
         application->annotate({record("product", "sample")});
         for (size_t crash = 1; crash <= 2; ++crash) {

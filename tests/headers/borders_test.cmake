@@ -1,5 +1,6 @@
 # Includes run one way: common/ knows nobody, crash/ and collector/ know common/, buildinfo/ knows nobody, client/ knows
-# the layout of annotations alone; and libcurl's headers are included where it is wrapped. cmake -DSOURCE=... -P THIS
+# the layout of annotations alone, tools/ knows common/ and the public headers; and libcurl's headers are included where
+# it is wrapped. cmake -DSOURCE=... -P THIS
 
 # expect_no_include(FOLDER PATTERN WHY): no file of the product in FOLDER includes what PATTERN matches.
 function(expect_no_include folder pattern why)
@@ -23,6 +24,8 @@ expect_no_include(collector "crash/|buildinfo/|client/|tools/|tests/|curl/" "col
 expect_no_include(client "common/|buildinfo/|collector/|tools/|tests/|curl/|iostream|fstream|sstream"
   "client/ includes Breakpad's client and no streams: applications link it.")
 expect_no_include(client "crash/[^c]|crash/c[^u]|crash/cu[^s]|crash/custom_data\\." "client/ takes the memory layout from crash/, nothing else.")
+expect_no_include(tools/crash_doctor "crash/|client/|buildinfo/|collector/|tests/|curl/"
+  "tools/ includes common/ and what applications include.")
 expect_no_include(buildinfo "common/|crash/|collector/|tools/|tests/" "buildinfo/ knows nobody.")
 
 file(GLOB files ${SOURCE}/common/*.h ${SOURCE}/common/*.cpp)

@@ -26,7 +26,7 @@ file(GLOB_RECURSE installed RELATIVE ${prefix} ${prefix}/*)
 list(FILTER installed EXCLUDE REGEX "VantorCrashTargets-[a-z]+\\.cmake$") # named after the kind of build
 list(SORT installed)
 set(expected
-  bin/crash_collector bin/crash_walker
+  bin/crash_collector bin/crash_doctor bin/crash_walker
   include/vantor/crash_client.h include/vantor/crash_client_c.h
   lib/cmake/VantorCrash/VantorCrashConfig.cmake lib/cmake/VantorCrash/VantorCrashConfigVersion.cmake
   lib/cmake/VantorCrash/VantorCrashTargets.cmake

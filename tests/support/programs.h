@@ -8,6 +8,7 @@ extern const char* const kCrashServer;
 /// The crash server with an uploader that gives up after some seconds.
 extern const char* const kImpatientCrashServer;
 extern const char* const kCrashCollector;
+extern const char* const kCrashDoctor;
 extern const char* const kTestApplication;
 extern const char* const kCrashingApplication;
 /// The crash server behind a Brake.
