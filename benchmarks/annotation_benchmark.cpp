@@ -6,6 +6,7 @@
 // Each row changes the values of all its annotations in turn; "set after a line" is a set() that has a line
 // of the log to bring up to date. The last row is the time of two threads that set at once, per change.
 
+#include "benchmarks/median.h"
 #include "client/annotations.h"
 
 #include <algorithm>
@@ -91,12 +92,6 @@ double nanosecondsOfTwoThreads(const std::function<void(int)>& change) {
     other.join();
     const auto end = std::chrono::steady_clock::now();
     return std::chrono::duration<double, std::nano>(end - begin).count() / kChanges;
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
 }
 
 struct Row {

@@ -4,6 +4,7 @@
 //
 //     client_benchmark SERVER DATA_HOME RUNS >FIGURES.json
 
+#include "benchmarks/median.h"
 #include "client/linux/handler/exception_handler.h"
 
 #include <algorithm>
@@ -122,13 +123,11 @@ Figures runOnce(void (*body)()) {
     return {microseconds(g_moments->serving - g_moments->begin), microseconds(end - g_moments->fault)};
 }
 
-double median(const std::vector<Figures>& runs, double Figures::*figure) {
+double medianOf(const std::vector<Figures>& runs, double Figures::*figure) {
     std::vector<double> values;
     std::transform(runs.begin(), runs.end(), std::back_inserter(values),
                    [figure](const Figures& run) { return run.*figure; });
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+    return median(std::move(values));
 }
 
 } // namespace
@@ -163,8 +162,8 @@ int main(int argc, char** argv) {
     fprintf(stderr, "%-33s %12s %12s %12s %8s\n", "figure (median)", "library", "by hand", "more", "goal");
     printf("[\n");
     for (const auto& row : rows) {
-        const double ours = median(library, row.figure);
-        const double theirs = median(by_hand, row.figure);
+        const double ours = medianOf(library, row.figure);
+        const double theirs = medianOf(by_hand, row.figure);
         fprintf(stderr, "%-30s us %12.0f %12.0f %12.0f %8.0f\n", row.name, ours, theirs, ours - theirs,
                 row.goal);
         printf("  {\"figure\": \"%s\", \"unit\": \"us\", \"library\": %.1f, \"by hand\": %.1f, \"ratio\": "

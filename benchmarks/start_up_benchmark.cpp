@@ -4,6 +4,8 @@
 //
 //     start_up_benchmark SERVER YARDSTICK RUNS >FIGURES.json
 
+#include "benchmarks/median.h"
+
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -112,12 +114,10 @@ Figures runOnce(const std::string& program) {
     return figures;
 }
 
-double median(const std::vector<Figures>& runs, const std::function<double(const Figures&)>& figure) {
+double medianOf(const std::vector<Figures>& runs, const std::function<double(const Figures&)>& figure) {
     std::vector<double> values;
     std::transform(runs.begin(), runs.end(), std::back_inserter(values), figure);
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+    return median(std::move(values));
 }
 
 } // namespace
@@ -152,8 +152,8 @@ int main(int argc, char** argv) {
             "goal");
     printf("[\n");
     for (const auto& row : rows) {
-        const double ours = median(server, row.figure);
-        const double theirs = median(yardstick, row.figure);
+        const double ours = medianOf(server, row.figure);
+        const double theirs = medianOf(yardstick, row.figure);
         fprintf(stderr, "%-25s %2s %12.0f %12.0f %8.2f %8.2f\n", row.name, row.unit, ours, theirs,
                 ours / theirs, row.goal);
         printf("  {\"figure\": \"%s\", \"unit\": \"%s\", \"server\": %.1f, \"yardstick\": %.1f, \"ratio\": "

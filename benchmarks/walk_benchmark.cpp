@@ -6,6 +6,7 @@
 //
 // FUNCTION is one that both must name.
 
+#include "benchmarks/median.h"
 #include "collector/stack_text.h"
 #include "collector/symbol_store.h"
 #include "collector/walk_child.h"
@@ -79,12 +80,6 @@ double microseconds(const std::function<std::string()>& walk, const std::string&
     if (text.find(function) == std::string::npos)
         fail("a walk does not name " + function + ":\n" + text);
     return std::chrono::duration<double, std::micro>(end - begin).count();
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
 }
 
 } // namespace
