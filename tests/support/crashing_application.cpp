@@ -4,6 +4,7 @@
 
 #undef NDEBUG // one of the crashes is a failed assertion
 
+#include "tests/support/commands.h"
 #include "tests/support/crashes.h"
 
 #include <array>
@@ -41,23 +42,6 @@
 namespace vantor::test {
 
 namespace {
-
-using Words = std::istringstream; // what follows a command's name
-
-const char* const kDone = "done";
-
-std::string wordFrom(Words& words) {
-    std::string word;
-    words >> word;
-    return word;
-}
-
-void require(bool is_done, const char* what) {
-    if (is_done)
-        return;
-    perror(what);
-    _exit(1);
-}
 
 // The service.
 
@@ -127,20 +111,11 @@ std::string spin(Words&) {
 
 // The process.
 
-std::string mountProcesses(Words&) {
-    require(unshare(CLONE_NEWNS) == 0 && mount("proc", "/proc", "proc", 0, nullptr) == 0, "mount /proc");
-    return kDone;
-}
-
 std::string allowCoreFile(Words& words) {
     const rlimit unlimited = {.rlim_cur = RLIM_INFINITY, .rlim_max = RLIM_INFINITY};
     require(setrlimit(RLIMIT_CORE, &unlimited) == 0 && chdir(wordFrom(words).c_str()) == 0,
             "allow a core file");
     return kDone;
-}
-
-std::string waitForAnybody(Words&) {
-    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? "no child" : "a child";
 }
 
 std::string startThreads(Words& words) {
@@ -325,47 +300,25 @@ std::string crash(Words& words) {
     return "alive";
 }
 
-std::string perform(const std::string& command);
-
-std::string inChild(Words& words) {
-    const pid_t child = fork();
-    require(child != -1, "fork");
-    if (child == 0) {
-        for (std::string command; std::getline(words, command, ';');)
-            (void)perform(command); // a child does not answer
-        _exit(0);
-    }
-
-    int status = 0;
-    require(waitpid(child, &status, 0) == child, "wait for a child");
-    return std::to_string(child) + " " + std::to_string(status);
-}
-
-std::string perform(const std::string& command) {
-    static const std::map<std::string, std::string (*)(Words&)> kCommands = {
-        {"start", start},          // start SERVER DEADLINE START-DEADLINE: the answer is the status' number
-        {"after-fork", afterFork}, // the same
-        {"stop", stop},            // the same
-        {"health", tellHealth},    // serving, restarting, given up or gone
-        {"set", setAnnotation},    // set NAME VALUE
-        {"consent", setConsent},   // consent yes|no
-        {"dump", dump},            // the answer is the report's name, or "none"
-        {"spin", spin},            // another thread sets annotations at full speed
-        {"processes", mountProcesses}, // mounts a /proc of its own, for a process namespace
-        {"core", allowCoreFile},       // core DIRECTORY
-        {"wait", waitForAnybody},      // the answer is "no child" or "a child"
-        {"threads", startThreads},     // threads COUNT: that do nothing
-        {"handler", installHandler},   // handler back|step-over|end-thread|chain
-        {"go-back", crashAndGoBack},   // a crash that "back" survives: the handler's calls, code and address
-        {"step-over",
-         crashAndStepOver}, // another: the handler's calls, and whether it saw the right registers
-        {"crash", crash},   // crash KIND
-        {"child", inChild}, // child COMMAND[;COMMAND...]: in a forked process; its pid and how it ended
-    };
-    Words words(command);
-    const std::string name = wordFrom(words);
-    return kCommands.at(name)(words);
-}
+const Commands kCommands = {
+    {"start", start},                // start SERVER DEADLINE START-DEADLINE: the answer is the status' number
+    {"after-fork", afterFork},       // the same
+    {"stop", stop},                  // the same
+    {"health", tellHealth},          // serving, restarting, given up or gone
+    {"set", setAnnotation},          // set NAME VALUE
+    {"consent", setConsent},         // consent yes|no
+    {"dump", dump},                  // the answer is the report's name, or "none"
+    {"spin", spin},                  // another thread sets annotations at full speed
+    {"processes", mountProcesses},   // mounts a /proc of its own, for a process namespace
+    {"core", allowCoreFile},         // core DIRECTORY
+    {"wait", waitForAnybody},        // the answer is "no child" or "a child"
+    {"threads", startThreads},       // threads COUNT: that do nothing
+    {"handler", installHandler},     // handler back|step-over|end-thread|chain
+    {"go-back", crashAndGoBack},     // a crash that "back" survives: the handler's calls, code and address
+    {"step-over", crashAndStepOver}, // another: the handler's calls, and whether it saw the right registers
+    {"crash", crash},                // crash KIND
+    {"child", inChild}, // child COMMAND[;COMMAND...]: in a forked process; its pid and how it ended
+};
 
 } // namespace
 
@@ -374,6 +327,5 @@ std::string perform(const std::string& command) {
 int main() {
     const rlimit no_core_file = {.rlim_cur = 0, .rlim_max = RLIM_INFINITY};
     (void)setrlimit(RLIMIT_CORE, &no_core_file); // who cannot have the latter has no core file anyway
-    for (std::string command; std::getline(std::cin, command);)
-        std::cout << vantor::test::perform(command) << std::endl;
+    vantor::test::perform(vantor::test::kCommands);
 }

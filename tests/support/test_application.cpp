@@ -4,6 +4,7 @@
 
 #include "client/guardian.h"
 #include "tests/support/client_memory.h"
+#include "tests/support/commands.h"
 #include "tests/support/crashes.h"
 #include "tests/support/end_of_memory.h"
 #include "tests/support/server_start.h"
@@ -34,30 +35,13 @@ namespace vantor::test {
 
 namespace {
 
-using Words = std::istringstream; // what follows a command's name
-
 ServerStart g_start; // of the next server
 StartedServer g_server;
 ClientDescriptor g_descriptor;
 std::unique_ptr<google_breakpad::ExceptionHandler> g_handler;
 
-const char* const kDone = "done";
-
-std::string wordFrom(Words& words) {
-    std::string word;
-    words >> word;
-    return word;
-}
-
 uint64_t hexFrom(Words& words) {
     return std::stoull(wordFrom(words), nullptr, 16);
-}
-
-void require(bool is_done, const char* what) {
-    if (is_done)
-        return;
-    perror(what);
-    _exit(1);
 }
 
 // The start of a server.
@@ -136,20 +120,11 @@ std::string enterOwnMounts(Words&) {
     return kDone;
 }
 
-std::string waitForAnybody(Words&) {
-    return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? "no child" : "a child";
-}
-
 std::string execute(Words& words) {
     const std::string program = wordFrom(words);
     std::cout << kDone << std::endl; // the other program gives no answer to this
     (void)execl(program.c_str(), program.c_str(), nullptr);
     return "not executed";
-}
-
-std::string mountProcesses(Words&) {
-    require(unshare(CLONE_NEWNS) == 0 && mount("proc", "/proc", "proc", 0, nullptr) == 0, "mount /proc");
-    return kDone;
 }
 
 std::string reapServer(Words&) {
@@ -240,60 +215,39 @@ std::string crash(Words& words) {
     return ""; // not reached
 }
 
-std::string perform(const std::string& command);
+const Commands kCommands = {
+    {"limit", setLimit},           // limit descriptors|memory SOFT HARD: the server's resources
+    {"argument", setArgument},     // argument TEXT: what the server is given in place of the number
+    {"descriptor", setDescriptor}, // descriptor NUMBER: where the server finds its socket
+    {"blocking", setBlocking},     // the server's end of the socket shall block
+    {"immune", setImmune},         // the server begins with SIGHUP and SIGCHLD ignored
+    {"orphan", setOrphan},         // the server shall begin when this process has gone
+    {"start", start},              // start PROGRAM [ARGUMENT...]: the answer is the server's pid
+    {"guardian", startGuardian},   // guardian PROGRAM: instead of a start; the answer is the server's pid
+    {"guardian-pid", tellGuardian},
+    {"server-pid", tellServer},
+    {"restarts", tellRestarts},    // the answer is their number, or "out of service"
+    {"wait", waitForAnybody},      // the answer is "no child" or "a child"
+    {"execute", execute},          // execute PROGRAM: in this process, after the answer
+    {"processes", mountProcesses}, // mounts a /proc of its own, for a process namespace
+    {"mounts", enterOwnMounts},    // enters the mount namespace again that it is in
+    {"reap", reapServer},          // the answer is how the server ended, as waitpid() has it
 
-std::string inChild(Words& words) {
-    const pid_t child = fork();
-    require(child != -1, "fork");
-    if (child == 0) {
-        for (std::string command; std::getline(words, command, ';');)
-            (void)perform(command); // a child does not answer
-        _exit(0);
-    }
+    {"greeting", readGreeting},            // the answer is a message in hexadecimal digits, or "end"
+    {"announce", announce},                // sends the descriptor's address
+    {"announce-address", announceAddress}, // announce-address HEX: sends another
+    {"announce-short", announceShort},     // announce-short COUNT: sends that many bytes of it
+    {"close", closeSocket},
 
-    int status = 0;
-    require(waitpid(child, &status, 0) == child, "wait for a child");
-    return std::to_string(child) + " " + std::to_string(status);
-}
+    {"load", loadRecords},     // load FILE: the records that the file holds, byte for byte
+    {"count", setCount},       // count HEX: how many the descriptor says there are
+    {"reserved", setReserved}, // reserved HEX
+    {"records", setRecords},   // records HEX: where the descriptor says they are
 
-std::string perform(const std::string& command) {
-    static const std::map<std::string, std::string (*)(Words&)> kCommands = {
-        {"limit", setLimit},           // limit descriptors|memory SOFT HARD: the server's resources
-        {"argument", setArgument},     // argument TEXT: what the server is given in place of the number
-        {"descriptor", setDescriptor}, // descriptor NUMBER: where the server finds its socket
-        {"blocking", setBlocking},     // the server's end of the socket shall block
-        {"immune", setImmune},         // the server begins with SIGHUP and SIGCHLD ignored
-        {"orphan", setOrphan},         // the server shall begin when this process has gone
-        {"start", start},              // start PROGRAM [ARGUMENT...]: the answer is the server's pid
-        {"guardian", startGuardian},   // guardian PROGRAM: instead of a start; the answer is the server's pid
-        {"guardian-pid", tellGuardian},
-        {"server-pid", tellServer},
-        {"restarts", tellRestarts},    // the answer is their number, or "out of service"
-        {"wait", waitForAnybody},      // the answer is "no child" or "a child"
-        {"execute", execute},          // execute PROGRAM: in this process, after the answer
-        {"processes", mountProcesses}, // mounts a /proc of its own, for a process namespace
-        {"mounts", enterOwnMounts},    // enters the mount namespace again that it is in
-        {"reap", reapServer},          // the answer is how the server ended, as waitpid() has it
-
-        {"greeting", readGreeting},            // the answer is a message in hexadecimal digits, or "end"
-        {"announce", announce},                // sends the descriptor's address
-        {"announce-address", announceAddress}, // announce-address HEX: sends another
-        {"announce-short", announceShort},     // announce-short COUNT: sends that many bytes of it
-        {"close", closeSocket},
-
-        {"load", loadRecords},     // load FILE: the records that the file holds, byte for byte
-        {"count", setCount},       // count HEX: how many the descriptor says there are
-        {"reserved", setReserved}, // reserved HEX
-        {"records", setRecords},   // records HEX: where the descriptor says they are
-
-        {"guard", guard},   // installs the crash handler
-        {"crash", crash},   // crash segmentation-fault|abort|second-thread
-        {"child", inChild}, // child COMMAND[;COMMAND...]: in a forked process; its pid and how it ended
-    };
-    Words words(command);
-    const std::string name = wordFrom(words);
-    return kCommands.at(name)(words);
-}
+    {"guard", guard},   // installs the crash handler
+    {"crash", crash},   // crash segmentation-fault|abort|second-thread
+    {"child", inChild}, // child COMMAND[;COMMAND...]: in a forked process; its pid and how it ended
+};
 
 } // namespace
 
@@ -302,6 +256,5 @@ std::string perform(const std::string& command) {
 int main() {
     const rlimit no_core_file = {.rlim_cur = 0, .rlim_max = 0};
     (void)setrlimit(RLIMIT_CORE, &no_core_file); // less can always be had
-    for (std::string command; std::getline(std::cin, command);)
-        std::cout << vantor::test::perform(command) << std::endl;
+    vantor::test::perform(vantor::test::kCommands);
 }
