@@ -244,19 +244,25 @@ TEST_F(ClientCrashesTest, WithoutConsentAServerThatHangsLeavesNothing) {
 // Who may read the process. Yama is not in every kernel, but the call can be seen: strace shows it, and keeps
 // the server from attaching, so that the process tries to report itself, too.
 
-/// The processes that the application names, in this order: "guardian", "companion".
+/// The processes that the application names, in this order: "guardian", "companion". Sanitizers have servers
+/// name some, too.
 std::vector<std::string> namedTracers(const std::string& trace) {
     std::map<std::string, std::string> names; // by process id
     std::vector<std::string> tracers;
+    std::string application; // the first that names anybody
     std::istringstream lines(trace);
     std::smatch match;
     for (std::string line; std::getline(lines, line);) {
         static const std::regex naming(R"re((\d+) +prctl\(PR_SET_NAME, "crash_(\w+)".*)re");
-        static const std::regex permission(R"re(\d+ +prctl\(PR_SET_PTRACER, (\d+)\).*)re");
+        static const std::regex permission(R"re((\d+) +prctl\(PR_SET_PTRACER, (\d+)\).*)re");
         if (std::regex_match(line, match, naming))
             names[match[1]] = match[2];
-        else if (std::regex_match(line, match, permission))
-            tracers.push_back(match[1]);
+        if (!std::regex_match(line, match, permission))
+            continue;
+        if (application.empty())
+            application = match[1];
+        if (match[1] == application)
+            tracers.push_back(match[2]);
     }
     for (std::string& tracer : tracers)
         tracer = names[tracer];
