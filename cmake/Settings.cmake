@@ -13,6 +13,7 @@ set(VANTOR_BUILT_ON "" CACHE STRING "Build machine in the build record; empty: t
 set(VANTOR_BREAKPAD_DIR "" CACHE PATH
     "A folder with Breakpad's sources (breakpad/ and third_party/lss/ below it); empty: the pinned npm package")
 set(VANTOR_SANITIZE "" CACHE STRING "Sanitizers for our own code, for instance address,undefined or thread")
+option(VANTOR_FAST_DUMPS "Replace the function of Breakpad's dumper that reads a client's memory word by word" ON)
 option(VANTOR_BUILD_TESTS "Build the tests and what they run" ON)
 option(VANTOR_BUILD_FUZZERS "Build the fuzz targets: with Clang, and fuzzer-no-link among VANTOR_SANITIZE" OFF)
 option(VANTOR_BUILD_BENCHMARKS "Build the benchmarks and their yardsticks" OFF)
