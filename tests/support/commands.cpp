@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace vantor::test {
@@ -61,6 +62,13 @@ std::string waitForAnybody(Words&) {
 
 std::string mountProcesses(Words&) {
     require(unshare(CLONE_NEWNS) == 0 && mount("proc", "/proc", "proc", 0, nullptr) == 0, "mount /proc");
+    return kDone;
+}
+
+std::string startThreads(Words& words) {
+    int count = 0;
+    for (words >> count; count > 0; --count)
+        std::thread([] { pause(); }).detach();
     return kDone;
 }
 

@@ -31,5 +31,7 @@ std::string inChild(Words& words);
 std::string waitForAnybody(Words&);
 /// Mounts a /proc of its own, for a process namespace.
 std::string mountProcesses(Words&);
+/// "threads COUNT": that do nothing.
+std::string startThreads(Words& words);
 
 } // namespace vantor::test

@@ -118,13 +118,6 @@ std::string allowCoreFile(Words& words) {
     return kDone;
 }
 
-std::string startThreads(Words& words) {
-    int count = 0;
-    for (words >> count; count > 0; --count)
-        std::thread([] { pause(); }).detach();
-    return kDone;
-}
-
 // Handlers of the application's own.
 
 sigjmp_buf g_way_back;

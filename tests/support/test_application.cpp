@@ -244,9 +244,10 @@ const Commands kCommands = {
     {"reserved", setReserved}, // reserved HEX
     {"records", setRecords},   // records HEX: where the descriptor says they are
 
-    {"guard", guard},   // installs the crash handler
-    {"crash", crash},   // crash segmentation-fault|abort|second-thread
-    {"child", inChild}, // child COMMAND[;COMMAND...]: in a forked process; its pid and how it ended
+    {"guard", guard},          // installs the crash handler
+    {"threads", startThreads}, // threads COUNT: that do nothing
+    {"crash", crash},          // crash segmentation-fault|abort|second-thread
+    {"child", inChild},        // child COMMAND[;COMMAND...]: in a forked process; its pid and how it ended
 };
 
 } // namespace
