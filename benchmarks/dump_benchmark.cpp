@@ -3,6 +3,7 @@
 //
 //     dump_benchmark SERVER YARDSTICK DATA_HOME RUNS >FIGURES.json
 
+#include "benchmarks/median.h"
 #include "client/linux/handler/exception_handler.h"
 
 #include <algorithm>
@@ -52,6 +53,7 @@ const struct {
 struct Moments {
     Clock::time_point fault;
     Clock::time_point release;
+    pid_t server;
 };
 
 Moments* g_moments = nullptr; // in memory that children share
@@ -70,11 +72,13 @@ int startServer(const std::string& program) {
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0 ||
         setsockopt(ends[1], SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) != 0)
         fail("socketpair");
-    if (vfork() == 0) {
+    const pid_t server = vfork();
+    if (server == 0) {
         (void)fcntl(ends[1], F_SETFD, 0);
         (void)execl(program.c_str(), program.c_str(), std::to_string(ends[1]).c_str(), nullptr);
         _exit(127);
     }
+    g_moments->server = server;
     (void)close(ends[1]);
     char greeting = 0;
     const auto address = reinterpret_cast<uint64_t>(&g_list);
@@ -157,16 +161,10 @@ double millisecondsOfRun(const std::string& program, const Shape& shape) {
     int status = 0;
     if (waitpid(pid, &status, 0) != pid || status != 0)
         fail("a run did not end well");
-    while (waitpid(-1, nullptr, 0) != -1) { // the server, which is ours now
-    }
+    (void)kill(g_moments->server, SIGKILL); // ours now; what it does after the release is not measured
+    (void)waitpid(g_moments->server, nullptr, 0);
     removeReports(program);
     return std::chrono::duration<double, std::milli>(g_moments->release - g_moments->fault).count();
-}
-
-double median(std::vector<double> values) {
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
 }
 
 } // namespace
