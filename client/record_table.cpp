@@ -134,7 +134,8 @@ CustomDataEntry* RecordTable::spare() const {
 }
 
 void RecordTable::copyToSpare(size_t first, size_t count) {
-    std::memcpy(spare() + first, shown() + first, count * sizeof(CustomDataEntry));
+    for (size_t i = first; i < first + count; ++i)
+        copyRecord(shown()[i], spare() + i); // most values are short
 }
 
 void RecordTable::recover() {
