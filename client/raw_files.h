@@ -34,7 +34,6 @@ public:
     }
 
     [[gnu::always_inline]] size_t size() const { return m_size; }
-    [[gnu::always_inline]] size_t room() const { return m_room - m_size; }
 
 private:
     char* m_memory;

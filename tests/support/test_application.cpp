@@ -12,10 +12,8 @@
 #include "client/linux/handler/exception_handler.h"
 
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <iostream>
@@ -23,9 +21,7 @@
 #include <map>
 #include <memory>
 #include <sched.h>
-#include <sstream>
 #include <string>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
