@@ -1,6 +1,8 @@
 // The memory of a real process, as Breakpad's dumper gets it through our function: always what single words
 // show.
 
+#include "crash/dump_in_progress.h"
+
 #include "client/linux/minidump_writer/linux_ptrace_dumper.h"
 
 #include <algorithm>
@@ -17,6 +19,7 @@
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -99,12 +102,21 @@ std::string wordByWord(int pid, uintptr_t address, size_t length) {
     return bytes;
 }
 
-std::string copied(int pid, uintptr_t address, size_t length) {
+std::string copiedOnce(int pid, uintptr_t address, size_t length) {
     google_breakpad::LinuxPtraceDumper dumper(pid);
     std::string bytes(length + sizeof(long), 'u');
     EXPECT_TRUE(dumper.CopyFromProcess(bytes.data(), pid, reinterpret_cast<void*>(address), length));
     EXPECT_EQ("uuuuuuuu", bytes.substr(length)); // nothing is written behind the end
     bytes.resize(length);
+    return bytes;
+}
+
+/// Alone, and as the first and a later piece of a dump.
+std::string copied(int pid, uintptr_t address, size_t length) {
+    const std::string bytes = copiedOnce(pid, address, length);
+    const vantor::crash::DumpInProgress dump;
+    EXPECT_TRUE(bytes == copiedOnce(pid, address, length));
+    EXPECT_TRUE(bytes == copiedOnce(pid, address, length));
     return bytes;
 }
 
@@ -203,6 +215,31 @@ TEST(DumperMemoryTest, AProcessThatIsGoneReadsAsZeros) {
     EXPECT_TRUE(std::string(kPage, '\0') == copied(pid, pages.address(), kPage));
 }
 
+TEST(DumperMemoryTest, AThreadThatIsNotStoppedReadsAsZerosInADumpOfOthers) {
+    Pages pages(1);
+    const std::string noise(pages.fill().page(0), kPage);
+    const Client stopped;
+    const Client other;
+    stopped.stop();
+    const vantor::crash::DumpInProgress dump;
+    EXPECT_TRUE(noise == copiedOnce(stopped.pid(), pages.address(), kPage));
+    EXPECT_TRUE(std::string(kPage, '\0') == copiedOnce(other.pid(), pages.address(), kPage));
+    EXPECT_TRUE(noise == copiedOnce(stopped.pid(), pages.address(), kPage));
+}
+
+TEST(DumperMemoryTest, AThreadThatDiesInADumpReadsAsZeros) {
+    Pages pages(1);
+    const std::string noise(pages.fill().page(0), kPage);
+    const Client client;
+    client.stop();
+    const vantor::crash::DumpInProgress dump;
+    EXPECT_TRUE(noise == copiedOnce(client.pid(), pages.address(), kPage));
+    kill(client.pid(), SIGKILL);
+    siginfo_t end = {};
+    ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(client.pid()), &end, WEXITED | WNOWAIT));
+    EXPECT_TRUE(std::string(kPage, '\0') == copiedOnce(client.pid(), pages.address(), kPage));
+}
+
 // What follows takes something from the process that reads, for good: a child of its own.
 
 /// The exit status of a child that runs `body`: 0 when that returns true.
@@ -262,27 +299,41 @@ protected:
     const std::string m_noise;
 };
 
-TEST_F(RestrictedDumperMemoryTest, OneWordAndTheFileAreAllThatIsNeeded) {
-    EXPECT_TRUE(areCopiedAfter([this] { return refuseOtherWords(m_pages.address()); }));
+bool refuseCopies() {
+    iovec nothing = {};
+    return refuseCall(SYS_process_vm_readv, EPERM) &&
+           process_vm_readv(getpid(), &nothing, 1, &nothing, 1, 0) == -1 && errno == EPERM;
+}
+
+TEST_F(RestrictedDumperMemoryTest, OneWordAndACopyAreAllThatIsNeeded) {
+    EXPECT_TRUE(areCopiedAfter(
+        [this] { return refuseCall(SYS_openat, EMFILE) && refuseOtherWords(m_pages.address()); }));
+}
+
+TEST_F(RestrictedDumperMemoryTest, OneWordAndTheFileAreAllThatIsNeededWithoutCopies) {
+    EXPECT_TRUE(areCopiedAfter([this] { return refuseCopies() && refuseOtherWords(m_pages.address()); }));
 }
 
 TEST_F(RestrictedDumperMemoryTest, AFileThatCannotBeOpenedIsDoneWithout) {
     for (const int error : {EPERM, EMFILE, ENOENT}) // by a filter, for want of descriptors, without /proc
         EXPECT_TRUE(areCopiedAfter([error] {
-            return refuseCall(SYS_openat, error) && open("/proc/self/mem", O_RDONLY | O_CLOEXEC) == -1 &&
-                   errno == error;
+            return refuseCopies() && refuseCall(SYS_openat, error) &&
+                   open("/proc/self/mem", O_RDONLY | O_CLOEXEC) == -1 && errno == error;
         })) << error;
 }
 
 TEST_F(RestrictedDumperMemoryTest, AFileThatMayNotBeReadIsDoneWithout) {
     EXPECT_TRUE(areCopiedAfter([] {
         char byte = 0;
-        return refuseCall(SYS_pread64, EPERM) && pread(0, &byte, 1, 0) == -1 && errno == EPERM;
+        return refuseCopies() && refuseCall(SYS_pread64, EPERM) && pread(0, &byte, 1, 0) == -1 &&
+               errno == EPERM;
     }));
 }
 
 TEST_F(RestrictedDumperMemoryTest, NothingStaysOpen) {
     EXPECT_TRUE(areCopiedAfter([this] {
+        if (!refuseCopies())
+            return false;
         const int before = dup(0);
         close(before);
         const Client client;

@@ -3,6 +3,7 @@
 
 #include "tests/support/child_process.h"
 #include "tests/support/eventually.h"
+#include "tests/support/small_disk.h"
 #include "tests/support/temporary_directory.h"
 
 #include "google_breakpad/common/minidump_format.h"
@@ -36,12 +37,21 @@ public:
     /// What this build of the dumper makes of it.
     std::string dump(const char* dumper) const {
         const std::string file = m_directory / "dump";
-        ChildProcess child(
-            {dumper, std::to_string(m_process.pid()), m_stack_pointer, m_instruction_pointer, file});
-        EXPECT_EQ(0, child.wait());
+        EXPECT_EQ(0, dumpInto({file}, dumper));
         std::string dump = readFile(file);
         std::filesystem::remove(file);
         return dump;
+    }
+
+    /// Dumps it into one file after another, and returns how many dumps failed. `before` are words of a
+    /// command that starts the dumper.
+    int dumpInto(const std::vector<std::string>& files, const char* dumper,
+                 const std::vector<std::string>& before = {}) const {
+        std::vector<std::string> words = before;
+        words.insert(words.end(),
+                     {dumper, std::to_string(m_process.pid()), m_stack_pointer, m_instruction_pointer});
+        words.insert(words.end(), files.begin(), files.end());
+        return ChildProcess(words).wait();
     }
 
 private:
@@ -161,6 +171,102 @@ TEST(EqualDumpsTest, OfAStackThatIsNotAllThere) {
 
 TEST(EqualDumpsTest, OfAThreadWithoutAStack) {
     expectEqualDumps(Pose({"none", "3"}));
+}
+
+/// What a dumper leaves in a file when there is not enough of something.
+struct PoorDump {
+    bool is_done;
+    std::string file;
+};
+
+PoorDump dumpWith(const std::vector<std::string>& limit, const Pose& pose, const char* dumper) {
+    const TemporaryDirectory directory;
+    PoorDump result;
+    result.is_done = pose.dumpInto({directory / "dump"}, dumper, limit) == 0;
+    if (std::filesystem::exists(directory / "dump"))
+        result.file = readFile(directory / "dump");
+    return result;
+}
+
+TEST(EqualDumpsTest, OneAfterTheOther) {
+    const Pose pose({"own", "30"});
+    const TemporaryDirectory directory;
+    const std::vector<std::string> files = {directory / "1", directory / "2", directory / "3"};
+    const auto have_one_length = [&] {
+        for (const std::string& file : files)
+            std::filesystem::remove(file);
+        EXPECT_EQ(0, pose.dumpInto(files, FAST_DUMPER));
+        return readFile(files[0]).size() == readFile(files[1]).size() &&
+               readFile(files[0]).size() == readFile(files[2]).size();
+    };
+    ASSERT_TRUE(eventually(have_one_length, std::chrono::seconds(5)));
+    for (const std::string& file : files)
+        EXPECT_EQ(std::string::npos,
+                  firstDifference(withoutChance(readFile(files[0])), withoutChance(readFile(file))));
+}
+
+TEST(EqualDumpsTest, NeitherTouchesAFileThatIsThere) {
+    const Pose pose({"own", "0"});
+    const TemporaryDirectory directory;
+    for (const char* dumper : {STOCK_DUMPER, FAST_DUMPER}) {
+        writeFile(directory / "there", "a file");
+        EXPECT_EQ(1, pose.dumpInto({directory / "there"}, dumper));
+        EXPECT_EQ("a file", readFile(directory / "there"));
+    }
+}
+
+TEST(EqualDumpsTest, AreReadableByTheirOwnerAlone) {
+    const Pose pose({"own", "0"});
+    const TemporaryDirectory directory;
+    for (const char* dumper : {STOCK_DUMPER, FAST_DUMPER}) {
+        const std::string file = directory / std::filesystem::path(dumper).filename();
+        EXPECT_EQ(0, pose.dumpInto({file}, dumper));
+        EXPECT_EQ(std::filesystem::perms::owner_read | std::filesystem::perms::owner_write,
+                  std::filesystem::status(file).permissions());
+    }
+}
+
+// With the fewest there is none beside the dump's own: not for the files of modules, nor for the processors.
+TEST(EqualDumpsTest, WithFewDescriptors) {
+    const Pose pose({"own", "3"});
+    for (const char* descriptors : {"4", "5", "6"}) {
+        const std::vector<std::string> limit = {"prlimit", std::string("--nofile=") + descriptors};
+        const auto have_one_length = [&] {
+            const PoorDump stock = dumpWith(limit, pose, STOCK_DUMPER);
+            const PoorDump fast = dumpWith(limit, pose, FAST_DUMPER);
+            EXPECT_EQ(stock.is_done, fast.is_done) << descriptors;
+            if (stock.file.size() != fast.file.size())
+                return false;
+            if (stock.is_done) {
+                EXPECT_EQ(std::string::npos,
+                          firstDifference(withoutChance(stock.file), withoutChance(fast.file)))
+                    << descriptors;
+            }
+            return true;
+        };
+        EXPECT_TRUE(eventually(have_one_length, std::chrono::seconds(5))) << descriptors;
+    }
+}
+
+// Breakpad's own dump fails on a disk that is full before the names of the modules. Ours fails on these, too,
+// and whenever a byte is missing.
+TEST(EqualDumpsTest, OnADiskThatGetsFull) {
+    const Pose pose({"own", "7"});
+    const TemporaryDirectory directory;
+    const std::string whole = withoutChance(pose.dump(STOCK_DUMPER));
+    size_t failures = 0;
+    for (size_t kilobytes = 4; failures + 1 >= kilobytes / 4; kilobytes += 4) {
+        const SmallDisk disk(directory / "disk", "size=" + std::to_string(kilobytes) + "k");
+        const bool is_stock_done = pose.dumpInto({directory / "disk/stock"}, STOCK_DUMPER) == 0;
+        std::filesystem::remove(directory / "disk/stock");
+        const bool is_fast_done = pose.dumpInto({directory / "disk/fast"}, FAST_DUMPER) == 0;
+        EXPECT_TRUE(is_stock_done || !is_fast_done) << kilobytes;
+        if (!is_fast_done)
+            ++failures;
+        else
+            EXPECT_EQ(whole.size() / 1024, readFile(directory / "disk/fast").size() / 1024);
+    }
+    EXPECT_EQ(whole.size() / 4096, failures);
 }
 
 } // namespace
