@@ -14,7 +14,8 @@ bool isFromDescriptorReserve(int descriptor);
 bool raiseDescriptorLimit();
 
 /// While one lives, File::open on this thread fails rather than take from the reserve. For work that opens
-/// many files and can leave the rest for another time.
+/// many files and can leave the rest for another time. The limit is asked for once, not at each open; when
+/// somebody else changes it meanwhile, the reserve stays where it was.
 class ScopedDescriptorReserve {
 public:
     ScopedDescriptorReserve();

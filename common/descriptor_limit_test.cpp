@@ -44,6 +44,13 @@ protected:
     std::vector<std::shared_ptr<File>> m_files;
 };
 
+TEST_F(DescriptorLimitTest, TheKernelsTableIsLargeFromTheStart) {
+    const std::string status = test::readFile("/proc/self/status");
+    const std::string name = "FDSize:\t";
+    EXPECT_GE(std::stoi(status.substr(status.find(name) + name.size())), 1024);
+    EXPECT_EQ(fcntl(1023, F_GETFD), -1); // what made it so is closed
+}
+
 TEST_F(DescriptorLimitTest, OpenRaisesTheSoftLimitWhenDescriptorsRunShort) {
     setLimits(128, 512);
     EXPECT_EQ(openMany(300), 300U);

@@ -3,6 +3,7 @@
 #include "common/http_uploader.h"
 
 #include "tests/support/captured_standard_error.h"
+#include "tests/support/no_descriptors.h"
 #include "tests/support/upload_fixture.h"
 
 #include <fcntl.h>
@@ -23,22 +24,6 @@ TEST_F(ExhaustionTest, WithoutAReserveFilesTakeTheLastDescriptor) {
     EXPECT_EQ(fcntl(0, F_DUPFD, 0), -1);
 }
 
-/// While one lives, nothing more can be opened.
-class NoDescriptorsToBeHad {
-public:
-    NoDescriptorsToBeHad() {
-        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &m_original), 0);
-        const rlimit none = {0, m_original.rlim_max};
-        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    }
-    ~NoDescriptorsToBeHad() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &m_original), 0); }
-    NoDescriptorsToBeHad(const NoDescriptorsToBeHad&) = delete;
-    NoDescriptorsToBeHad& operator=(const NoDescriptorsToBeHad&) = delete;
-
-private:
-    rlimit m_original = {};
-};
-
 TEST_F(ExhaustionTest, ALibraryThatCannotBeLoadedIsSaidOnceAndTriedAgain) {
     startServer();
     const std::vector<std::shared_ptr<File>> files = {file(), file()};
@@ -47,7 +32,7 @@ TEST_F(ExhaustionTest, ALibraryThatCannotBeLoadedIsSaidOnceAndTriedAgain) {
     std::string text;
     {
         const test::CapturedStandardError standard_error;
-        const NoDescriptorsToBeHad none;
+        const test::NoDescriptorsToBeHad none;
         for (const auto& file : files) {
             uploader->upload({{"crash", file}}, {}, completions.callback());
             uploader->waitUploadsComplete();

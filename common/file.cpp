@@ -36,10 +36,10 @@ std::optional<int> openFlags(std::string mode) {
 
 /// Opens within the limits on descriptors: raises them when they run short, and leaves the reserve alone
 /// where this thread is asked to.
-int openWithinLimits(const std::string& path, int flags) {
-    int descriptor = ::open(path.c_str(), flags, kOwnerOnly);
+int openWithinLimits(int directory, const char* path, int flags) {
+    int descriptor = ::openat(directory, path, flags, kOwnerOnly);
     if (descriptor == -1 && errno == EMFILE && raiseDescriptorLimit())
-        descriptor = ::open(path.c_str(), flags, kOwnerOnly);
+        descriptor = ::openat(directory, path, flags, kOwnerOnly);
     if (descriptor == -1 || !isFromDescriptorReserve(descriptor))
         return descriptor;
 
@@ -49,9 +49,37 @@ int openWithinLimits(const std::string& path, int flags) {
     return -1;
 }
 
+/// Whether the file is this user's and has no second name, by which it could be meant as another one.
+bool isOwnAlone(int descriptor) {
+    struct stat status = {};
+    return fstat(descriptor, &status) == 0 && status.st_uid == geteuid() && status.st_nlink == 1;
+}
+
 bool isRegularFile(int descriptor) {
     struct stat status = {};
     return fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+int openRegular(int directory, const char* name, int flags) {
+    const int descriptor = openWithinLimits(directory, name, flags);
+    if (descriptor == -1 || isRegularFile(descriptor))
+        return descriptor;
+    (void)::close(descriptor); // as it was
+    return -1;
+}
+
+/// Opens a file that is new, or empties one: but no file of another user, who could then read what is
+/// written, and none that somebody has put in the place of a new one by a hard link.
+int openEmptied(int directory, const char* name, int flags) {
+    const int created = openWithinLimits(directory, name, flags | O_EXCL);
+    if (created != -1 || errno != EEXIST)
+        return created;
+
+    const int descriptor = openRegular(directory, name, flags & ~(O_CREAT | O_TRUNC));
+    if (descriptor == -1 || (isOwnAlone(descriptor) && ftruncate(descriptor, 0) == 0))
+        return descriptor;
+    (void)::close(descriptor); // as it was
+    return -1;
 }
 
 class OpenFile final : public File {
@@ -71,7 +99,8 @@ private:
     bool closeDescriptor();
 
     const std::string m_path;
-    int m_descriptor; // -1 once closed
+    int m_descriptor;       // -1 once closed
+    int64_t m_position = 0; // of the descriptor; -1 where it is not known
     std::string m_unwritten;
 };
 
@@ -88,6 +117,7 @@ int64_t OpenFile::read(std::string* out, int64_t count) {
     if (!flush())
         return -1;
 
+    m_position = -1;
     size_t length = 0;
     out->resize(static_cast<size_t>(std::max<int64_t>(count, 0)));
     while (length < out->size()) {
@@ -104,7 +134,12 @@ int64_t OpenFile::read(std::string* out, int64_t count) {
 }
 
 bool OpenFile::seek(int64_t offset) {
-    return flush() && lseek(m_descriptor, offset, SEEK_SET) == offset;
+    if (!flush())
+        return false;
+
+    if (m_position != offset)
+        m_position = lseek(m_descriptor, offset, SEEK_SET);
+    return m_position == offset && offset >= 0;
 }
 
 int64_t OpenFile::size() {
@@ -115,8 +150,12 @@ int64_t OpenFile::size() {
 
 /// False when the file is closed or could not take all.
 bool OpenFile::flush() {
+    if (m_unwritten.empty())
+        return m_descriptor != -1;
+
     std::string text;
     text.swap(m_unwritten);
+    m_position = -1;
     size_t written = 0;
     while (written < text.size()) {
         const ssize_t piece = ::write(m_descriptor, text.data() + written, text.size() - written);
@@ -139,9 +178,9 @@ bool OpenFile::closeDescriptor() {
     return is_flushed && is_closed;
 }
 
-} // namespace
-
-std::shared_ptr<File> File::open(const std::string& path, const std::string& mode, bool close_on_exec) {
+/// Opens `name` in `directory`, as the file of this path.
+std::shared_ptr<File> openNamed(int directory, const char* name, const std::string& path,
+                                const std::string& mode, bool close_on_exec) {
     const std::optional<int> flags = openFlags(mode);
     if (!flags)
         return nullptr;
@@ -149,16 +188,32 @@ std::shared_ptr<File> File::open(const std::string& path, const std::string& mod
     // O_NONBLOCK changes nothing for a regular file, and the opening of a pipe does not wait for its other
     // end. A link is not followed: whoever can place one must not choose what is read and sent, or
     // overwritten.
-    const int descriptor =
-        openWithinLimits(path, *flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | (close_on_exec ? O_CLOEXEC : 0));
+    const int all_flags = *flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | (close_on_exec ? O_CLOEXEC : 0);
+    const int descriptor = (*flags & O_TRUNC) != 0 ? openEmptied(directory, name, all_flags)
+                                                   : openRegular(directory, name, all_flags);
     if (descriptor == -1)
         return nullptr;
-
-    if (!isRegularFile(descriptor)) {
-        (void)::close(descriptor);
-        return nullptr;
-    }
     return std::make_shared<OpenFile>(path, descriptor);
+}
+
+} // namespace
+
+std::shared_ptr<File> File::open(const std::string& path, const std::string& mode, bool close_on_exec) {
+    return openNamed(AT_FDCWD, path.c_str(), path, mode, close_on_exec);
+}
+
+Directory::Directory(const std::string& path)
+    : m_path(path),
+      m_descriptor(openWithinLimits(AT_FDCWD, path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+
+Directory::~Directory() {
+    if (m_descriptor != -1)
+        (void)::close(m_descriptor);
+}
+
+std::shared_ptr<File> Directory::open(const std::string& name, const std::string& mode,
+                                      bool close_on_exec) const {
+    return openNamed(m_descriptor, name.c_str(), File::joinPath(m_path, name), mode, close_on_exec);
 }
 
 } // namespace vantor

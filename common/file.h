@@ -70,4 +70,22 @@ protected:
     File& operator=(const File&) = delete;
 };
 
+/// An open directory: its files are opened without a walk along its path for each. One thread at a time uses
+/// an object.
+class Directory {
+public:
+    /// Never fails: in a directory that cannot be opened, no file can.
+    explicit Directory(const std::string& path);
+    ~Directory();
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+
+    /// File::open() for the file of this name: what is opened is the same, and so is its path().
+    std::shared_ptr<File> open(const std::string& name, const std::string& mode, bool close_on_exec) const;
+
+private:
+    const std::string m_path;
+    const int m_descriptor; // -1 where it could not be opened
+};
+
 } // namespace vantor

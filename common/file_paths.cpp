@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,9 +14,17 @@ namespace vantor {
 
 namespace {
 
+/// Where the last component begins.
+size_t nameBegin(const std::string& path) {
+    // rfind would look at one character after the other.
+    const void* const separator = memrchr(path.data(), '/', path.size());
+    return separator == nullptr ? 0
+                                : static_cast<size_t>(static_cast<const char*>(separator) - path.data()) + 1;
+}
+
 /// Where the extension's dot stands; npos when there is no extension.
 size_t extensionDot(const std::string& path) {
-    const size_t name = path.rfind('/') + 1; // npos + 1 is 0
+    const size_t name = nameBegin(path);
     const size_t dot = path.rfind('.');
     return dot == std::string::npos || dot <= name ? std::string::npos : dot;
 }
@@ -50,7 +59,7 @@ std::string File::extension(const std::string& path) {
 }
 
 std::string File::basename(const std::string& path) {
-    return path.substr(path.rfind('/') + 1);
+    return path.substr(nameBegin(path));
 }
 
 std::string File::joinPath(const std::string& a, const std::string& b) {
@@ -74,11 +83,11 @@ bool File::listFiles(const std::string& dir, bool sorted, std::vector<std::strin
         return false;
 
     while (const dirent* entry = readdir(stream)) {
-        const std::string name = entry->d_name;
+        std::string name = entry->d_name;
         if (!isDirectory(stream, *entry))
-            files->push_back(name);
+            files->push_back(std::move(name));
         else if (directories != nullptr && name != "." && name != "..")
-            directories->push_back(name);
+            directories->push_back(std::move(name));
     }
     (void)closedir(stream); // it was only read
 

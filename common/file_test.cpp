@@ -37,6 +37,24 @@ TEST_F(FileTest, OpenForReadingNeedsAFile) {
     EXPECT_EQ(file->path(), m_path);
 }
 
+TEST_F(FileTest, ADirectoryOpensItsFilesAsThePathDoes) {
+    writeFile(m_path, "text");
+    ASSERT_EQ(symlink("file", (m_directory / "link").c_str()), 0);
+    const Directory directory(m_directory.path());
+    const auto file = directory.open("file", "r", true);
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(readAll(*file), "text");
+    EXPECT_EQ(file->path(), m_path);
+    EXPECT_EQ(directory.open("missing", "r", true), nullptr);
+    EXPECT_EQ(directory.open("link", "r", true), nullptr);
+}
+
+TEST_F(FileTest, ADirectoryThatCannotBeOpenedHasNoFiles) {
+    writeFile(m_path, "text");
+    EXPECT_EQ(Directory(m_directory / "missing").open("file", "r", true), nullptr);
+    EXPECT_EQ(Directory(m_path).open("file", "r", true), nullptr);
+}
+
 TEST_F(FileTest, OpenForWritingAndReadingTruncates) {
     writeFile(m_path, "a long text from before");
     const auto file = File::open(m_path, "w+", true);
@@ -70,6 +88,15 @@ TEST_F(FileTest, OnlyRegularFilesAreOpened) {
     EXPECT_EQ(File::open(m_directory / "link", "r", true), nullptr);
     EXPECT_EQ(File::open(m_directory / "link", "w+", true), nullptr);
     EXPECT_EQ(readFile(m_directory / "target"), "secret");
+}
+
+TEST_F(FileTest, AFileWithASecondNameIsNotEmptied) {
+    writeFile(m_directory / "other", "content");
+    ASSERT_EQ(link((m_directory / "other").c_str(), m_path.c_str()), 0);
+    EXPECT_EQ(File::open(m_path, "w", true), nullptr);
+    EXPECT_EQ(File::open(m_path, "w+", true), nullptr);
+    EXPECT_EQ(readFile(m_directory / "other"), "content");
+    EXPECT_NE(File::open(m_path, "r", true), nullptr);
 }
 
 TEST_F(FileTest, ANewFileIsItsOwnersAlone) {

@@ -2,6 +2,7 @@
 
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vantor {
@@ -14,6 +15,9 @@ enum SplitOptions {
 /// Replaces `*out` by the pieces of `text` between the characters of `separators`, each of which separates by
 /// itself.
 void SplitString(const std::string& text, const char* separators, std::vector<std::string>* out,
+                 SplitOptions options);
+/// The same without copies: the pieces are parts of `text`, which must outlive them.
+void SplitString(const std::string& text, const char* separators, std::vector<std::string_view>* out,
                  SplitOptions options);
 
 /// What a default-formatted output stream makes of `value`: for an integer its plain decimal digits.

@@ -37,6 +37,15 @@ TEST(SplitStringTest, OtherBytesPassUnchanged) {
     EXPECT_THAT(split(text, "\n", kSplitDropEmpty), ElementsAre(std::string("\0\xff", 2) + "\r\t ", "x"));
 }
 
+TEST(SplitStringTest, PartsLieInTheText) {
+    const std::string text = "a\n\nlonger\n";
+    std::vector<std::string_view> parts;
+    SplitString(text, "\n", &parts, kSplitDropEmpty);
+    ASSERT_THAT(parts, ElementsAre("a", "longer"));
+    EXPECT_EQ(parts[0].data(), text.data());
+    EXPECT_EQ(parts[1].data(), text.data() + 3);
+}
+
 TEST(StreamOperatorTest, IntegersArePlainDecimals) {
     EXPECT_EQ(toStringUsingStreamOperator<unsigned long>(1700000000123456789), "1700000000123456789");
     EXPECT_EQ(toStringUsingStreamOperator<unsigned long>(0), "0");
