@@ -2,9 +2,11 @@
 
 #include "common/curl_library.h"
 #include "common/environment.h"
+#include "common/http_status_line.h"
 #include "common/http_uploader_limits.h"
 
 #include <algorithm>
+#include <ctime>
 #include <deque>
 
 namespace vantor {
@@ -16,17 +18,27 @@ static_assert(kUploaderDestroyed == CURLE_ABORTED_BY_CALLBACK);
 
 namespace {
 
-// Browsers' figure for one host: enough to fill a line, few enough to be polite.
-constexpr size_t kMostConnections = 6;
-// Once the server has shown that it speaks HTTP/2, this many uploads share the connections.
-constexpr size_t kMostStreams = 32;
+// Over HTTP/1.1 a form needs at least a round trip, so a far server's reports leave as fast as there are
+// connections. Few enough to be polite.
+constexpr size_t kMostConnections = 8;
+// Once the server has shown that it speaks HTTP/2, this many uploads share the connections: what servers
+// allow on a single one, where libcurl puts them. Each holds a piece of its file in memory.
+constexpr size_t kMostStreams = 100;
 constexpr size_t kMostBodyKept = size_t(64) << 10;
 // An answer is a word or two. A server that does not stop talking is no collection server.
 constexpr size_t kMostAnswerRead = size_t(1) << 20;
 // Bytes. Where uploads share an HTTP/2 connection, libcurl 7.88 sometimes forgets the end of an answer that
 // is larger than its buffer (16 KiB, unless told otherwise), and the upload fails by its limit.
 constexpr long kReceiveBuffer = 64L << 10;
+// Bytes: what one TLS record carries. libcurl's 64 KiB save no call that counts, and take four times the
+// memory for each upload under way.
+constexpr long kSendBuffer = 16L << 10;
 constexpr int kPollMilliseconds = 1000; // libcurl's own limits end the wait earlier
+// libcurl 7.88 does not wait while an HTTP/2 stream may not send on before the server says so: it looks again
+// at once, and a processor does nothing else for as long as the round trip takes. So does a healthy transfer
+// now and then, but not this many times in a row.
+constexpr int kMostIdleRounds = 16;
+constexpr timespec kPauseWhenIdle = {0, 1'000'000};
 
 long milliseconds(Duration span) {
     return static_cast<long>(span.nanoseconds() / 1'000'000);
@@ -40,11 +52,13 @@ long wholeSeconds(Duration span) {
 struct FilePart {
     std::shared_ptr<File> file;
     int64_t unread = 0;
+    int* idle_rounds; // see HttpTransfers::Impl
 
     /// How many bytes were put into `buffer`. A file that has become shorter ends the transfer.
     static size_t read(char* buffer, size_t size, size_t count, void* self) {
         auto* part = static_cast<FilePart*>(self);
         std::string piece;
+        *part->idle_rounds = 0;
         const int64_t wanted = std::min(static_cast<int64_t>(size * count), part->unread);
         if (part->file->read(&piece, wanted) != wanted)
             return CURL_READFUNC_ABORT;
@@ -73,7 +87,8 @@ struct Transfer {
     curl_mime* form = nullptr;
     std::deque<FilePart> file_parts; // where libcurl finds them: they must not move
     bool keep_body = false;
-    size_t answer_read = 0; // header, body and trailers
+    int* idle_rounds = nullptr; // see HttpTransfers::Impl
+    size_t answer_read = 0;     // header, body and trailers
     std::string body;
 
     static size_t receiveBody(char* data, size_t size, size_t count, void* self) {
@@ -84,13 +99,16 @@ struct Transfer {
         return length;
     }
 
-    static size_t receiveHeader(char* /*data*/, size_t size, size_t count, void* self) {
+    static size_t receiveHeader(char* data, size_t size, size_t count, void* self) {
+        if (isBrokenStatusLine({data, size * count}))
+            return 0;
         return static_cast<Transfer*>(self)->receive(size * count);
     }
 
 private:
     /// `length`, or 0, which ends the transfer.
     size_t receive(size_t length) {
+        *idle_rounds = 0;
         answer_read += length;
         return answer_read > kMostAnswerRead ? 0 : length;
     }
@@ -114,9 +132,10 @@ struct HttpTransfers::Impl {
     CURL* takeHandle();
     bool configure(CURL* easy) const;
     bool trustAuthorities(CURL* easy) const;
-    bool fillForm(Transfer* transfer) const;
-    bool addFile(Transfer* transfer, const std::string& name, const std::shared_ptr<File>& file) const;
-    bool begin(Transfer* transfer) const;
+    bool fillForm(Transfer* transfer);
+    bool addFile(Transfer* transfer, const std::string& name, const std::shared_ptr<File>& file);
+    bool begin(Transfer* transfer);
+    void pauseWhenIdle();
     void finish(CURL* easy, CURLcode result);
     void release(Transfer* transfer);
     HttpUploader::UploadResponse outcome(const Transfer& transfer, CURLcode result) const;
@@ -131,6 +150,7 @@ struct HttpTransfers::Impl {
     std::vector<CURL*> spare_handles; // configured, and not in use
     std::vector<std::unique_ptr<Transfer>> active;
     size_t most_active = kMostConnections;
+    int idle_rounds = 0; // of run() in a row in which libcurl neither took nor gave a byte
     size_t timeouts_in_a_row = 0;
 };
 
@@ -194,7 +214,8 @@ bool HttpTransfers::Impl::configure(CURL* easy) const {
            set(CURLOPT_CONNECTTIMEOUT_MS, milliseconds(kHttpUploaderLimits.connect)) &&
            set(CURLOPT_LOW_SPEED_LIMIT, 1L) && // bytes in a second
            set(CURLOPT_LOW_SPEED_TIME, wholeSeconds(kHttpUploaderLimits.stall)) &&
-           set(CURLOPT_BUFFERSIZE, kReceiveBuffer) && set(CURLOPT_WRITEFUNCTION, Transfer::receiveBody) &&
+           set(CURLOPT_UPLOAD_BUFFERSIZE, kSendBuffer) && set(CURLOPT_BUFFERSIZE, kReceiveBuffer) &&
+           set(CURLOPT_WRITEFUNCTION, Transfer::receiveBody) &&
            set(CURLOPT_HEADERFUNCTION, Transfer::receiveHeader);
 }
 
@@ -212,7 +233,7 @@ bool HttpTransfers::Impl::trustAuthorities(CURL* easy) const {
            curl->easy_setopt(easy, CURLOPT_CAPATH, kNoDirectory) == CURLE_OK;
 }
 
-bool HttpTransfers::Impl::fillForm(Transfer* transfer) const {
+bool HttpTransfers::Impl::fillForm(Transfer* transfer) {
     transfer->form = curl->mime_init(transfer->easy);
     for (const auto& [name, value] : transfer->upload.params) {
         curl_mimepart* part = curl->mime_addpart(transfer->form);
@@ -225,12 +246,12 @@ bool HttpTransfers::Impl::fillForm(Transfer* transfer) const {
 }
 
 bool HttpTransfers::Impl::addFile(Transfer* transfer, const std::string& name,
-                                  const std::shared_ptr<File>& file) const {
+                                  const std::shared_ptr<File>& file) {
     const int64_t size = file->size();
     if (size < 0 || !file->seek(0))
         return false;
 
-    FilePart& source = transfer->file_parts.emplace_back(FilePart{file, size});
+    FilePart& source = transfer->file_parts.emplace_back(FilePart{file, size, &idle_rounds});
     curl_mimepart* part = curl->mime_addpart(transfer->form);
     return curl->mime_name(part, name.c_str()) == CURLE_OK &&
            curl->mime_filename(part, File::basename(file->path()).c_str()) == CURLE_OK &&
@@ -239,12 +260,18 @@ bool HttpTransfers::Impl::addFile(Transfer* transfer, const std::string& name,
 }
 
 /// Gives the transfer to libcurl.
-bool HttpTransfers::Impl::begin(Transfer* transfer) const {
+bool HttpTransfers::Impl::begin(Transfer* transfer) {
     return fillForm(transfer) &&
            curl->easy_setopt(transfer->easy, CURLOPT_MIMEPOST, transfer->form) == CURLE_OK &&
            curl->easy_setopt(transfer->easy, CURLOPT_WRITEDATA, transfer) == CURLE_OK &&
            curl->easy_setopt(transfer->easy, CURLOPT_HEADERDATA, transfer) == CURLE_OK &&
            curl->multi_add_handle(multi, transfer->easy) == CURLM_OK;
+}
+
+/// Gives the processor to others for a moment when libcurl has turned round and round.
+void HttpTransfers::Impl::pauseWhenIdle() {
+    if (++idle_rounds > kMostIdleRounds)
+        (void)nanosleep(&kPauseWhenIdle, nullptr); // a pause cut short is as good
 }
 
 /// Ends an active transfer and completes its upload.
@@ -337,6 +364,7 @@ void HttpTransfers::start(HttpUpload upload) {
     transfer->upload = std::move(upload);
     transfer->easy = easy;
     transfer->keep_body = m_impl->endpoint.keep_body;
+    transfer->idle_rounds = &m_impl->idle_rounds;
     if (!m_impl->begin(transfer.get())) {
         m_impl->release(transfer.get());
         failUpload(transfer->upload, kUploadUnreadable);
@@ -348,6 +376,7 @@ void HttpTransfers::start(HttpUpload upload) {
 void HttpTransfers::run() {
     const CurlLibrary& curl = *m_impl->curl;
     int still_running = 0;
+    m_impl->pauseWhenIdle();
     (void)curl.multi_poll(m_impl->multi, nullptr, 0, kPollMilliseconds,
                           nullptr); // a failed wait is a short one
     if (curl.multi_perform(m_impl->multi, &still_running) != CURLM_OK) {

@@ -5,6 +5,7 @@
 #include "common/thread.h"
 
 #include <deque>
+#include <malloc.h>
 #include <optional>
 
 namespace vantor {
@@ -21,6 +22,8 @@ struct HttpUploader::Impl : std::enable_shared_from_this<HttpUploader::Impl> {
     explicit Impl(HttpEndpoint to) : endpoint(std::move(to)) {}
 
     void enqueue(HttpUpload upload) VANTOR_EXCLUDES(mutex);
+    void hold() VANTOR_EXCLUDES(mutex);
+    void release() VANTOR_EXCLUDES(mutex);
     void waitUntilIdle() VANTOR_EXCLUDES(mutex);
     /// Completes all that is left and ends the worker.
     void stop() VANTOR_EXCLUDES(mutex);
@@ -30,11 +33,15 @@ struct HttpUploader::Impl : std::enable_shared_from_this<HttpUploader::Impl> {
     ConditionVariable changed;
 
 private:
+    void startWork() VANTOR_REQUIRES(mutex);
+    bool hasWork() const VANTOR_REQUIRES(mutex) { return !m_queue.empty() && m_holds == 0; }
+
     // The worker: all of it runs on one thread.
     void work() VANTOR_EXCLUDES(mutex);
     bool becomeWorker() VANTOR_EXCLUDES(mutex);
     bool waitForUploads() VANTOR_EXCLUDES(mutex);
     void sendQueue() VANTOR_EXCLUDES(mutex);
+    void sendWhatIsQueued() VANTOR_EXCLUDES(mutex);
     bool startTransfers(HttpTransfers* transfers) VANTOR_EXCLUDES(mutex);
     void failQueue(int32_t error) VANTOR_EXCLUDES(mutex);
     std::optional<HttpUpload> takeFirst() VANTOR_EXCLUDES(mutex);
@@ -44,6 +51,7 @@ private:
 
     Thread m_thread; // started under the mutex, joined when nobody starts it any more
     std::deque<HttpUpload> m_queue VANTOR_GUARDED_BY(mutex);
+    int m_holds VANTOR_GUARDED_BY(mutex) = 0;
     size_t m_uncompleted VANTOR_GUARDED_BY(mutex) = 0; // queued, under way, or in its completion
     bool m_has_thread VANTOR_GUARDED_BY(mutex) = false;
     bool m_has_worker VANTOR_GUARDED_BY(mutex) = false;
@@ -58,8 +66,27 @@ void HttpUploader::Impl::enqueue(HttpUpload upload) {
     };
 
     MutexLock lock(mutex);
+    const bool had_work = hasWork();
     m_queue.push_back(std::move(upload));
     ++m_uncompleted;
+    if (hasWork() && (!had_work || !m_has_thread)) // otherwise the worker knows, or is not to know yet
+        startWork();
+}
+
+void HttpUploader::Impl::hold() {
+    MutexLock lock(mutex);
+    ++m_holds;
+}
+
+void HttpUploader::Impl::release() {
+    MutexLock lock(mutex);
+    --m_holds;
+    if (hasWork())
+        startWork();
+}
+
+/// Sees to it that a worker looks at the queue.
+void HttpUploader::Impl::startWork() {
     if (!m_has_thread)
         m_has_thread = m_thread.start([self = shared_from_this()] { self->work(); });
     if (m_transfers != nullptr)
@@ -110,13 +137,19 @@ bool HttpUploader::Impl::becomeWorker() {
 /// True when something is queued; false when nothing is and the uploader stops.
 bool HttpUploader::Impl::waitForUploads() {
     MutexLock lock(mutex);
-    while (m_queue.empty() && !m_is_stopping)
+    while (!hasWork() && !m_is_stopping)
         changed.timedWaitRelative(mutex, kRecheckPeriod);
     return !m_queue.empty();
 }
 
-/// Sends until nothing is queued or under way.
+/// Sends until nothing is queued or under way, and gives back the memory that it took.
 void HttpUploader::Impl::sendQueue() {
+    lowerThreadPriority();
+    sendWhatIsQueued();
+    (void)malloc_trim(0); // there may have been none to give back
+}
+
+void HttpUploader::Impl::sendWhatIsQueued() {
     // What waits behind a server that is not there would wait for as long each, and the process with it.
     HttpTransfers transfers(endpoint, [this] { failQueue(kUploadTimedOut); });
     if (!transfers.isUsable()) {
@@ -154,7 +187,7 @@ void HttpUploader::Impl::failQueue(int32_t error) {
 
 std::optional<HttpUpload> HttpUploader::Impl::takeFirst() {
     MutexLock lock(mutex);
-    if (m_queue.empty())
+    if (!hasWork())
         return std::nullopt;
 
     HttpUpload first = std::move(m_queue.front());
@@ -187,9 +220,17 @@ HttpUploader::~HttpUploader() {
 }
 
 void HttpUploader::upload(const std::map<std::string, std::shared_ptr<File>>& files,
-                          const std::map<std::string, std::string>& params,
+                          std::map<std::string, std::string> params,
                           const std::function<void(const UploadResponse&)>& on_complete) {
-    m_impl->enqueue({files, params, on_complete});
+    m_impl->enqueue({files, std::move(params), on_complete});
+}
+
+HttpUploader::ScopedHold::ScopedHold(HttpUploader& uploader) : m_uploader(uploader) {
+    m_uploader.m_impl->hold();
+}
+
+HttpUploader::ScopedHold::~ScopedHold() {
+    m_uploader.m_impl->release();
 }
 
 void HttpUploader::waitUploadsComplete() {

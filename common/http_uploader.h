@@ -13,10 +13,10 @@ namespace vantor {
 
 /// Uploads forms over HTTPS in the background.
 ///
-/// One thread does all the work. It starts with the first upload; uploads wait in a queue of any length, in
-/// which each is no more than a description, and a few go on at a time, over connections that are reused.
-/// Files are read in pieces while they are sent. When several transfers in a row pass their limits, what is
-/// queued behind them fails at once: each would wait for as long.
+/// One thread does all the work, at a low priority. It starts with the first upload; uploads wait in a queue
+/// of any length, in which each is no more than a description, and a few go on at a time, over connections
+/// that are reused. Files are read in pieces while they are sent. When several transfers in a row pass their
+/// limits, what is queued behind them fails at once: each would wait for as long.
 ///
 /// The server's certificate and name are always verified, by the machine's certificate authorities or by
 /// those in the file that the environment variable SSL_CERT_FILE names. TLS 1.2 is the least that is spoken,
@@ -65,8 +65,21 @@ public:
     /// `on_complete` is called exactly once, on another thread than the caller's. When no thread can be
     /// started now, that is the thread that can be had next (see Thread), the destroying one at the latest.
     void upload(const std::map<std::string, std::shared_ptr<File>>& files,
-                const std::map<std::string, std::string>& params,
+                std::map<std::string, std::string> params,
                 const std::function<void(const UploadResponse&)>& on_complete);
+
+    /// While one lives, uploads are queued and none is begun: for whoever has many to queue and somebody who
+    /// waits for that. The uploader must outlive it.
+    class ScopedHold {
+    public:
+        explicit ScopedHold(HttpUploader& uploader);
+        ~ScopedHold();
+        ScopedHold(const ScopedHold&) = delete;
+        ScopedHold& operator=(const ScopedHold&) = delete;
+
+    private:
+        HttpUploader& m_uploader;
+    };
 
     /// Blocks until every upload so far has been completed and its completion has returned. Not to be called
     /// from a completion.

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <gmock/gmock.h>
 #include <latch>
+#include <sys/resource.h>
 #include <thread>
 
 namespace vantor {
@@ -82,6 +83,23 @@ TEST_F(HttpUploaderTest, TheCompletionComesOnceAndOnAnotherThread) {
     EXPECT_THAT(completions.threads(), ElementsAre(testing::Ne(std::this_thread::get_id())));
 }
 
+TEST_F(HttpUploaderTest, NothingIsBegunWhileItIsHeld) {
+    startServer();
+    Completions completions;
+    const size_t threads = threadCount();
+    const auto uploader = uploaderTo(url());
+    {
+        const HttpUploader::ScopedHold hold(*uploader);
+        const HttpUploader::ScopedHold another(*uploader);
+        uploader->upload({{"crash", file()}}, {}, completions.callback());
+        uploader->upload({{"crash", file()}}, {}, completions.callback());
+        EXPECT_EQ(threadCount(), threads);
+    }
+    uploader->waitUploadsComplete();
+    EXPECT_THAT(completions.responses(), Each(Field(&UploadResponse::error, 0)));
+    EXPECT_THAT(completions.responses(), SizeIs(2));
+}
+
 TEST_F(HttpUploaderTest, TheResponseHoldsTheSameFileObjects) {
     startServer();
     Completions completions;
@@ -153,18 +171,18 @@ TEST_F(HttpUploaderTest, ManyUploadsShareAFewConnections) {
     EXPECT_THAT(completions.responses(), SizeIs(100));
     EXPECT_THAT(completions.responses(), Each(Field(&UploadResponse::error, 0)));
     EXPECT_THAT(m_server->requests(), SizeIs(100));
-    EXPECT_LE(m_server->connectionsAccepted(), 6);
+    EXPECT_LE(m_server->connectionsAccepted(), 8);
 }
 
 TEST_F(HttpUploaderTest, SeveralUploadsAreUnderWayAtOnce) {
-    std::latch all_there(6);
+    std::latch all_there(8);
     startServer({.answer = [&](const ReceivedRequest&) {
         all_there.arrive_and_wait();
         return Answer::status_code(200);
     }});
     Completions completions;
     const auto uploader = uploaderTo(url());
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < 8; ++i)
         uploader->upload({{"crash", file()}}, {}, completions.callback());
     uploader->waitUploadsComplete();
     EXPECT_THAT(completions.responses(), Each(Field(&UploadResponse::error, 0)));
@@ -212,11 +230,23 @@ TEST_F(HttpUploaderTest, TheDestructorCompletesWhatIsQueuedOrUnderWay) {
         const auto uploader = uploaderTo(url());
         for (int i = 0; i < 20; ++i)
             uploader->upload({{"crash", file()}}, {}, completions.callback());
-        EXPECT_TRUE(m_server->waitForRequests(6));
+        EXPECT_TRUE(m_server->waitForRequests(8));
     }
     EXPECT_THAT(completions.responses(), SizeIs(20));
     EXPECT_THAT(completions.responses(), Each(Field(&UploadResponse::error, 42)));
     EXPECT_THAT(completions.responses(), Each(Field(&UploadResponse::files, SizeIs(1))));
+}
+
+TEST_F(HttpUploaderTest, TheThreadGivesWayToOthersAndTheCallerDoesNot) {
+    startServer();
+    const int caller = getpriority(PRIO_PROCESS, 0);
+    int sender = 0;
+    const auto uploader = uploaderTo(url());
+    uploader->upload({{"crash", file()}}, {},
+                     [&](const UploadResponse&) { sender = getpriority(PRIO_PROCESS, 0); });
+    uploader->waitUploadsComplete();
+    EXPECT_EQ(sender, std::max(caller, 10));
+    EXPECT_EQ(getpriority(PRIO_PROCESS, 0), caller);
 }
 
 TEST_F(HttpUploaderTest, TheThreadStartsWithTheFirstUpload) {

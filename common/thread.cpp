@@ -6,6 +6,7 @@
 #include <atomic>
 #include <deque>
 #include <pthread.h>
+#include <sys/resource.h>
 
 namespace vantor {
 
@@ -65,7 +66,6 @@ void* threadMain(void* argument) noexcept {
     std::unique_ptr<std::shared_ptr<ThreadBody>> own(static_cast<std::shared_ptr<ThreadBody>*>(argument));
     blockBrokenPipeSignal();
     (*own)->run();
-    own.reset();
 
     while (const std::shared_ptr<ThreadBody> waiting = waitingBodies().takeFirst())
         waiting->run();
@@ -86,6 +86,12 @@ bool createDetachedThread(void* (*entry)(void*), void* argument) {
 }
 
 } // namespace
+
+void lowerThreadPriority() {
+    constexpr int kBackgroundNice = 10;
+    if (getpriority(PRIO_PROCESS, 0) < kBackgroundNice)      // on Linux, both mean the thread alone
+        (void)setpriority(PRIO_PROCESS, 0, kBackgroundNice); // lowering is everybody's right
+}
 
 Thread::Thread() = default;
 

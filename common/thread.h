@@ -40,4 +40,9 @@ private:
     std::shared_ptr<ThreadBody> m_body; // null until start()
 };
 
+/// For work that may take its time: lowers the calling thread's priority for good, as far as nice(1) does by
+/// its default, so that on a busy machine others get some ten times as much of a processor. A thread that has
+/// a lower one keeps it.
+void lowerThreadPriority();
+
 } // namespace vantor

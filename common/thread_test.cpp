@@ -2,11 +2,13 @@
 
 #include "tests/support/no_threads.h"
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <latch>
 #include <memory>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
@@ -131,6 +133,24 @@ TEST(ThreadLimitTest, StartingAgainReplacesABodyThatStillWaits) {
     EXPECT_TRUE(thread.start([&] { ran += 10; }));
     thread.join();
     EXPECT_EQ(ran, 10);
+}
+
+TEST(ThreadTest, AThreadWithALowPriorityKeepsItAndOthersKeepTheirs) {
+    const int before = getpriority(PRIO_PROCESS, 0);
+    int lowered = 0;
+    int kept = 0;
+    Thread thread;
+    thread.start([&] {
+        lowerThreadPriority();
+        lowered = getpriority(PRIO_PROCESS, 0);
+        (void)setpriority(PRIO_PROCESS, 0, 19);
+        lowerThreadPriority();
+        kept = getpriority(PRIO_PROCESS, 0);
+    });
+    thread.join();
+    EXPECT_EQ(lowered, std::max(before, 10));
+    EXPECT_EQ(kept, 19);
+    EXPECT_EQ(getpriority(PRIO_PROCESS, 0), before);
 }
 
 } // namespace

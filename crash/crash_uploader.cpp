@@ -2,12 +2,13 @@
 
 #include "common/descriptor_limit.h"
 #include "common/proxy_configuration.h"
+#include "common/standard_error.h"
 #include "common/strings.h"
 #include "common/time.h"
 #include "crash/report_files.h"
 
 #include <cstdio>
-#include <iostream>
+#include <ostream>
 #include <sstream>
 #include <vector>
 
@@ -39,7 +40,7 @@ void announceUpload(const std::string& dump_path) {
     // std::cerr writes every piece that is inserted by itself; the line should stay in one piece.
     std::ostringstream line;
     line << "Uploading " << dump_path << " to the server (probably via " << proxy << " -- there are races)\n";
-    std::cerr << line.str();
+    standardError() << line.str();
 }
 
 void printStackTraceLink(const std::string& stem) {
@@ -72,17 +73,20 @@ void CrashUploader::sendLeftOvers(const std::string& crash_dir) {
     if (!File::listFiles(crash_dir, false, &names, nullptr))
         return;
 
+    // The application waits for the greeting: no completion is to get in the way, and libcurl's loading
+    // neither.
+    const HttpUploader::ScopedHold until_all_are_queued(*m_uploader);
+    const Directory directory(crash_dir);
     const ScopedDescriptorReserve for_serving; // what cannot be opened now is sent by the next start
     for (const std::string& name : names) {
         if (File::extension(name) != "params")
             continue;
 
-        const std::string params_path = File::joinPath(crash_dir, name);
-        const std::shared_ptr<File> params_file = File::open(params_path, "r", true);
+        const std::shared_ptr<File> params_file = directory.open(name, "r", true);
         if (!params_file)
             continue;
 
-        const std::shared_ptr<File> dump = File::open(dumpPathOf(params_path), "r", true);
+        const std::shared_ptr<File> dump = directory.open(dumpPathOf(name), "r", true);
         if (!dump)
             continue;
 
@@ -113,24 +117,24 @@ void CrashUploader::addCrash(const std::string& dumpPath, const std::map<std::st
 
 void CrashUploader::addCrash(const std::shared_ptr<File>& dump, const std::shared_ptr<File>& paramsFile,
                              const std::function<void()>& done) {
-    const ParamsVerdict verdict = readParams(*paramsFile, stemOf(dump->path()));
+    ParamsVerdict verdict = readParams(*paramsFile, stemOf(dump->path()));
     if (!verdict.complaint.empty()) {
         fprintf(stderr, "%s", verdict.complaint.c_str());
         deleteFiles(dump, paramsFile);
         return;
     }
 
-    startUpload(dump, paramsFile, verdict.upload_params, done);
+    startUpload(dump, paramsFile, std::move(verdict.upload_params), done);
 }
 
 void CrashUploader::startUpload(const std::shared_ptr<File>& dump, const std::shared_ptr<File>& params_file,
-                                const std::map<std::string, std::string>& upload_params,
+                                std::map<std::string, std::string> upload_params,
                                 const std::function<void()>& done) {
     MutexLock lock(m_mutex);
     ++m_pending_uploads;
     announceUpload(dump->path());
     m_uploader->upload(
-        {{"crash", dump}}, upload_params,
+        {{"crash", dump}}, std::move(upload_params),
         std::bind(&CrashUploader::onUploadComplete, this, std::placeholders::_1, params_file, done));
 }
 

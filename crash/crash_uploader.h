@@ -65,8 +65,8 @@ public:
 private:
     void sendLeftOvers(const std::string& crash_dir);
     void startUpload(const std::shared_ptr<File>& dump, const std::shared_ptr<File>& params_file,
-                     const std::map<std::string, std::string>& upload_params,
-                     const std::function<void()>& done) VANTOR_EXCLUDES(m_mutex);
+                     std::map<std::string, std::string> upload_params, const std::function<void()>& done)
+        VANTOR_EXCLUDES(m_mutex);
     void settle(const HttpUploader::UploadResponse& response, const std::shared_ptr<File>& params_file)
         VANTOR_REQUIRES(m_mutex);
 

@@ -14,9 +14,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace vantor::crash {
 namespace {
@@ -25,6 +27,7 @@ using test::exists;
 using test::readFile;
 using test::writeFile;
 using testing::AllOf;
+using testing::Each;
 using testing::ElementsAre;
 using testing::Ge;
 using testing::IsEmpty;
@@ -258,6 +261,84 @@ TEST_F(CrashUploaderOrderTest, WithoutItsParametersFileTheDumpIsThrownAway) {
     EXPECT_TRUE(uploader.isDone());
 }
 
+/// A stranger's file, in the place where the parameters go.
+class PlantedFileTest : public CrashUploaderOrderTest {
+protected:
+    PlantedFileTest() { writeFile(m_other, "nobody's business"); }
+
+    /// The report is lost, and the other file is as it was.
+    void expectUntouched() {
+        CrashUploader uploader(m_directory.path());
+        givenDump();
+        uploader.addCrash(m_dump, {{"token", "secret"}}, countDone());
+        EXPECT_EQ(m_standard_error.text(), "Failed to open either dump or params file!");
+        EXPECT_EQ(readFile(m_other), "nobody's business");
+        EXPECT_THAT(m_http.uploads, IsEmpty());
+        EXPECT_FALSE(exists(m_dump));
+    }
+
+    const std::string m_other = m_directory / "other";
+};
+
+TEST_F(PlantedFileTest, ASymbolicLinkIsNotFollowed) {
+    ASSERT_EQ(symlink("other", m_params.c_str()), 0);
+    expectUntouched();
+}
+
+TEST_F(PlantedFileTest, ASecondNameOfAnotherFileIsNotWrittenTo) {
+    ASSERT_EQ(link(m_other.c_str(), m_params.c_str()), 0);
+    expectUntouched();
+}
+
+/// Its owner could read the parameters. Only root can give a file away: with anybody else it stays our own,
+/// and gets them.
+TEST_F(PlantedFileTest, AFileOfAnotherUserAndNoOtherIsNotWrittenTo) {
+    constexpr uid_t kNobody = 65534;
+    ASSERT_EQ(rename(m_other.c_str(), m_params.c_str()), 0);
+    const bool is_anothers = chown(m_params.c_str(), kNobody, kNobody) == 0;
+    ASSERT_EQ(is_anothers, geteuid() == 0);
+    CrashUploader uploader(m_directory.path());
+    givenDump();
+    uploader.addCrash(m_dump, {{"token", "secret"}}, countDone());
+    EXPECT_EQ(m_standard_error.text() == "Failed to open either dump or params file!", is_anothers);
+    EXPECT_EQ(readFile(m_params) == "nobody's business", is_anothers);
+    EXPECT_THAT(m_http.uploads, SizeIs(is_anothers ? 0 : 1));
+}
+
+/// A report that is deleted after a link has taken its file's place costs the link alone.
+TEST_F(PlantedFileTest, DeletingDoesNotFollowALink) {
+    CrashUploader uploader(m_directory.path());
+    givenPair();
+    const auto dump = File::open(m_dump, "r", true);
+    const auto params = File::open(m_params, "r", true);
+    for (const std::string& path : {m_dump, m_params}) {
+        ASSERT_EQ(unlink(path.c_str()), 0);
+        ASSERT_EQ(symlink("other", path.c_str()), 0);
+    }
+    uploader.deleteFiles(dump, params);
+    EXPECT_THAT(m_directory.names(), ElementsAre("other"));
+    EXPECT_EQ(readFile(m_other), "nobody's business");
+}
+
+/// What was opened is what is sent, wherever the path leads meanwhile.
+TEST_F(PlantedFileTest, ADirectoryThatIsSwappedForALinkChangesNothingThatIsSent) {
+    const std::string inner = m_directory / "crash";
+    const std::string elsewhere = m_directory / "elsewhere";
+    ASSERT_EQ(mkdir(inner.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir(elsewhere.c_str(), 0700), 0);
+    writeFile(inner + "/" + kStem + ".dmp", "MDMP");
+    writeFile(inner + "/" + kStem + ".params", "a\n1\n");
+    CrashUploader uploader(inner);
+    ASSERT_THAT(m_http.uploads, SizeIs(1));
+
+    writeFile(elsewhere + "/" + kStem + ".dmp", "secret");
+    ASSERT_EQ(rename(inner.c_str(), (m_directory / "moved").c_str()), 0);
+    ASSERT_EQ(symlink("elsewhere", inner.c_str()), 0);
+    std::string sent;
+    (void)m_http.uploads[0].files.at("crash")->read(&sent, 100);
+    EXPECT_EQ(sent, "MDMP");
+}
+
 TEST_F(CrashUploaderOrderTest, WithoutTheDumpTheParametersFileIsThrownAway) {
     CrashUploader uploader(m_directory.path());
     uploader.addCrash(m_dump, {{"a", "1"}}, countDone());
@@ -351,6 +432,18 @@ TEST_F(CrashUploaderOrderTest, TheScanLeavesDescriptorsToOthers) {
     EXPECT_THAT(m_http.uploads, SizeIs(left_over + 1));
 }
 
+TEST_F(CrashUploaderOrderTest, NoLeftOverIsBegunBeforeAllAreQueued) {
+    givenPair();
+    writeFile(m_directory / ("1" + kStem.substr(1) + ".dmp"), "MDMP");
+    writeFile(m_directory / ("1" + kStem.substr(1) + ".params"), "a\n1\n");
+    CrashUploader uploader(m_directory.path());
+    EXPECT_EQ(m_http.held_uploads, 2U);
+    EXPECT_EQ(m_http.holds, 0);
+    uploader.addCrash(m_dump, {}, {});
+    EXPECT_THAT(m_http.uploads, SizeIs(3));
+    EXPECT_EQ(m_http.held_uploads, 2U);
+}
+
 TEST_F(CrashUploaderOrderTest, BothFilesStayOpenUntilTheCompletion) {
     givenPair();
     std::weak_ptr<File> dump;
@@ -361,6 +454,26 @@ TEST_F(CrashUploaderOrderTest, BothFilesStayOpenUntilTheCompletion) {
     m_http.complete(0, 7);
     m_http.uploads.clear();
     EXPECT_TRUE(dump.expired());
+}
+
+/// Of the descriptors by which this process holds files in a directory.
+std::vector<int> flagsOfFilesIn(const std::string& directory) {
+    std::vector<int> flags;
+    for (const auto& descriptor : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code is_gone; // it was the iterator's own
+        if (std::filesystem::read_symlink(descriptor, is_gone).parent_path() == directory)
+            flags.push_back(fcntl(std::stoi(descriptor.path().filename()), F_GETFD));
+    }
+    return flags;
+}
+
+TEST_F(CrashUploaderOrderTest, NoOtherProgramInheritsTheFilesOfAReport) {
+    givenPair();
+    CrashUploader uploader(m_directory.path());
+    const std::string fresh = m_directory / ("1" + kStem.substr(1) + ".dmp");
+    writeFile(fresh, "MDMP");
+    uploader.addCrash(fresh, {}, {});
+    EXPECT_THAT(flagsOfFilesIn(m_directory.path()), AllOf(SizeIs(4), Each(FD_CLOEXEC)));
 }
 
 // Its destructor waits for completions, which take the uploader's mutex.

@@ -56,6 +56,7 @@ const Trouble kTroubles[] = {
          return answering(Answer::raw("HTTP/1.1 200 OK\r\n\r\n" + std::string(2 << 20, 'y')));
      }},
     {"AnswersRubbish", [](auto&, auto&) { return answering(Answer::raw("\x16rubbish\r\n\r\n")); }},
+    {"AnswersWithoutAStatus", [](auto&, auto&) { return answering(Answer::raw("HTTP/x.1 500 No\r\n\r\n")); }},
     {"Redirects",
      [](auto&, auto&) {
          Answer elsewhere = Answer::status_code(302);
@@ -215,6 +216,16 @@ TEST_F(NetworkTest, AMachineWithoutLibcurlKeepsThePairsForOneThatHasIt) {
     EXPECT_THAT(crashFiles(), IsEmpty());
     for (const ReceivedRequest& report : reports(2))
         EXPECT_THAT(annotationsOf(report), ElementsAre(testing::Pair("product", "sample")));
+}
+
+TEST_F(NetworkTest, ALibcurlThatLacksWhatIsNeededIsAsGoodAsNone) {
+    const CoveredFile another(libraryPath("libcurl.so.4"), libraryPath("libz.so.1"));
+    leavePair(kStem, kParams);
+    endQuietly(*startGuarded());
+    EXPECT_THAT(lines(), Contains(testing::AllOf(
+                             testing::StartsWith("Cannot load libcurl.so.4, nothing will be uploaded: "),
+                             testing::HasSubstr("curl_global_init"))));
+    EXPECT_THAT(crashFiles(), testing::SizeIs(2));
 }
 
 } // namespace

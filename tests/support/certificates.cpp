@@ -22,9 +22,41 @@ struct Validity {
 
 constexpr Validity kToday;
 constexpr Validity kDayBeforeYesterday = {-2 * kDaySeconds, -kDaySeconds};
+constexpr Validity kTomorrow = {kDaySeconds, 2 * kDaySeconds};
 
-OpensslKey generateKey() {
-    OpensslKey key(EVP_EC_gen("P-256"));
+using Flaw = CertificateAuthority::Flaw;
+
+Validity validityWith(Flaw flaw) {
+    if (flaw == Flaw::Expired)
+        return kDayBeforeYesterday;
+    return flaw == Flaw::NotYetValid ? kTomorrow : kToday;
+}
+
+/// The hosts, as in OpenSSL's configuration files; "" for none.
+std::string hostsWith(Flaw flaw) {
+    switch (flaw) {
+    case Flaw::OtherHost:
+        return "DNS:other.example";
+    case Flaw::NoAlternativeName:
+        return "";
+    case Flaw::WildcardForAll:
+        return "DNS:*";
+    case Flaw::WildcardInTheMiddle:
+        return "DNS:l*t";
+    case Flaw::WildcardBelow:
+        return "DNS:*.localhost";
+    default:
+        return "DNS:localhost,IP:127.0.0.1";
+    }
+}
+
+std::string commonNameWith(Flaw flaw, const std::string& name) {
+    return flaw == Flaw::NoAlternativeName || flaw == Flaw::OtherHost ? "localhost" : "Test server " + name;
+}
+
+OpensslKey generateKey(Flaw flaw = Flaw::None) {
+    constexpr size_t kShortBits = 1024;
+    OpensslKey key(flaw == Flaw::ShortKey ? EVP_RSA_gen(kShortBits) : EVP_EC_gen("P-256"));
     requireOpenssl(key != nullptr, "generate a key");
     return key;
 }
@@ -62,9 +94,9 @@ void addExtension(X509* certificate, X509* issuer, int kind, const std::string& 
                    "add '" + value + "' to a certificate");
 }
 
-void sign(X509* certificate, X509* issuer, EVP_PKEY* issuer_key) {
+void sign(X509* certificate, X509* issuer, EVP_PKEY* issuer_key, const EVP_MD* digest = EVP_sha256()) {
     requireOpenssl(X509_set_issuer_name(certificate, X509_get_subject_name(issuer)) == 1 &&
-                       X509_sign(certificate, issuer_key, EVP_sha256()) > 0,
+                       X509_sign(certificate, issuer_key, digest) > 0,
                    "sign a certificate");
 }
 
@@ -103,6 +135,12 @@ OpensslKey readKey(const std::string& path) {
     return key;
 }
 
+/// Puts one certificate behind those of a chain.
+void appendCertificate(const std::string& chain, X509* certificate) {
+    const OpensslStream stream(BIO_new_file(chain.c_str(), "a"));
+    requireOpenssl(stream && PEM_write_bio_X509(stream.get(), certificate) == 1, "append to " + chain);
+}
+
 CertificateFiles filesFor(const std::string& directory, const std::string& name) {
     const std::string stem = directory + "/" + name;
     return {stem + ".crt", stem + ".key"};
@@ -123,22 +161,32 @@ CertificateAuthority::CertificateAuthority(std::string directory, const std::str
 }
 
 CertificateFiles CertificateAuthority::issue(const std::string& name, Flaw flaw) const {
-    const OpensslCertificate issuer = readCertificate(m_files.certificate);
-    const OpensslKey issuer_key = readKey(m_files.key);
-    const Validity validity = flaw == Flaw::Expired ? kDayBeforeYesterday : kToday;
-    const char* hosts = flaw == Flaw::OtherHost ? "DNS:other.example" : "DNS:localhost,IP:127.0.0.1";
+    const CertificateFiles issuer_files =
+        flaw == Flaw::IssuedByNoAuthority ? issue(name + "-issuer") : m_files;
+    const OpensslCertificate issuer = readCertificate(issuer_files.certificate);
+    const OpensslKey issuer_key = readKey(issuer_files.key);
 
-    const OpensslKey key = generateKey();
-    const OpensslCertificate own = startCertificate(key.get(), "Test server " + name, validity);
+    const OpensslKey key = generateKey(flaw);
+    const OpensslCertificate own =
+        startCertificate(key.get(), commonNameWith(flaw, name), validityWith(flaw));
     addExtension(own.get(), issuer.get(), NID_basic_constraints, "critical,CA:FALSE");
     addExtension(own.get(), issuer.get(), NID_key_usage, "critical,digitalSignature");
-    addExtension(own.get(), issuer.get(), NID_ext_key_usage, "serverAuth");
-    addExtension(own.get(), issuer.get(), NID_subject_alt_name, hosts);
-    addExtension(own.get(), issuer.get(), NID_authority_key_identifier, "keyid:always");
-    sign(own.get(), issuer.get(), issuer_key.get());
+    addExtension(own.get(), issuer.get(), NID_ext_key_usage,
+                 flaw == Flaw::ForClients ? "clientAuth" : "serverAuth");
+    if (const std::string hosts = hostsWith(flaw); !hosts.empty())
+        addExtension(own.get(), issuer.get(), NID_subject_alt_name, hosts);
+    if (flaw == Flaw::SelfSigned) {
+        sign(own.get(), own.get(), key.get());
+    } else {
+        addExtension(own.get(), issuer.get(), NID_authority_key_identifier,
+                     flaw == Flaw::IssuedByNoAuthority ? "issuer:always" : "keyid:always");
+        sign(own.get(), issuer.get(), issuer_key.get(), flaw == Flaw::OldDigest ? EVP_sha1() : EVP_sha256());
+    }
 
     CertificateFiles files = filesFor(m_directory, name);
     writeFiles(files, own.get(), key.get());
+    if (flaw == Flaw::IssuedByNoAuthority)
+        appendCertificate(files.certificate, issuer.get());
     return files;
 }
 

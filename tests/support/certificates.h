@@ -14,7 +14,21 @@ struct CertificateFiles {
 class CertificateAuthority {
 public:
     /// What is wrong with a certificate that issue() makes.
-    enum class Flaw { None, Expired, OtherHost };
+    enum class Flaw {
+        None,
+        Expired,
+        NotYetValid,
+        OtherHost,           ///< for another one than stands in the common name
+        NoAlternativeName,   ///< the host stands in the common name alone
+        WildcardForAll,      ///< for "*"
+        WildcardInTheMiddle, ///< for "l*t"
+        WildcardBelow,       ///< for "*.localhost"
+        ForClients,          ///< a client may show it, a server may not
+        ShortKey,            ///< RSA of 1024 bits
+        OldDigest,           ///< signed with SHA-1
+        SelfSigned,
+        IssuedByNoAuthority, ///< signed by a server's certificate, which the chain holds
+    };
 
     /// Makes the authority's key and certificate, `NAME.crt` and `NAME.key` below `directory`.
     /// Aborts the test program with a message on failure.

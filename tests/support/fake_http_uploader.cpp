@@ -21,9 +21,19 @@ HttpUploader::~HttpUploader() {
 }
 
 void HttpUploader::upload(const std::map<std::string, std::shared_ptr<File>>& files,
-                          const std::map<std::string, std::string>& params,
+                          std::map<std::string, std::string> params,
                           const std::function<void(const UploadResponse&)>& on_complete) {
-    test::FakeHttpUploader::instance().uploads.push_back({files, params, on_complete});
+    test::FakeHttpUploader& fake = test::FakeHttpUploader::instance();
+    fake.held_uploads += fake.holds > 0 ? 1 : 0;
+    fake.uploads.push_back({files, std::move(params), on_complete});
+}
+
+HttpUploader::ScopedHold::ScopedHold(HttpUploader& uploader) : m_uploader(uploader) {
+    ++test::FakeHttpUploader::instance().holds;
+}
+
+HttpUploader::ScopedHold::~ScopedHold() {
+    --test::FakeHttpUploader::instance().holds;
 }
 
 void HttpUploader::waitUploadsComplete() {

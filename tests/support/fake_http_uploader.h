@@ -26,6 +26,8 @@ struct FakeHttpUploader {
     std::vector<std::string> headers;
     bool keep_body = true;
     std::vector<FakeUpload> uploads;
+    int holds = 0;           ///< how many live
+    size_t held_uploads = 0; ///< those of `uploads` that were queued meanwhile
     bool was_waited_for = false;
     std::function<void()> on_destroy; ///< called by the destructor; may be empty
 

@@ -18,6 +18,7 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <thread>
+#include <utility>
 
 namespace vantor::test {
 namespace {
@@ -224,6 +225,11 @@ void TlsServer::setAnswer(Answering answer) {
 std::vector<ReceivedRequest> TlsServer::requests() const {
     MutexLock lock(m_impl->mutex);
     return m_impl->requests;
+}
+
+std::vector<ReceivedRequest> TlsServer::takeRequests() {
+    MutexLock lock(m_impl->mutex);
+    return std::exchange(m_impl->requests, {});
 }
 
 bool TlsServer::waitForRequests(size_t count, std::chrono::milliseconds limit) const {

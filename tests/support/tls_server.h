@@ -94,6 +94,8 @@ public:
 
     /// All requests that arrived whole so far, in order of arrival.
     std::vector<ReceivedRequest> requests() const;
+    /// The same, and forgets them.
+    std::vector<ReceivedRequest> takeRequests();
     /// Waits until at least `count` requests have arrived whole; false when `limit` passed first.
     bool waitForRequests(size_t count, std::chrono::milliseconds limit = std::chrono::seconds(30)) const;
 
