@@ -11,11 +11,13 @@
 #include "client/linux/crash_generation/client_info.h"
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <map>
 #include <sys/signalfd.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -73,6 +75,23 @@ TEST_F(ParentWatchTest, WakesForASignalThatComesLater) {
     g_crash_handler = &m_handler;
     vantor::Thread watcher;
     watcher.start([this] { sighupThread(m_signal_descriptor); });
+    ASSERT_EQ(kill(getpid(), SIGHUP), 0);
+    watcher.join();
+    EXPECT_EQ(m_standard_error.text(), "Client exited, pid 4711\n");
+}
+
+TEST_F(ParentWatchTest, GoesOnWaitingAfterAnInterruption) {
+    static std::atomic<bool> is_interrupted = false;
+    struct sigaction interrupt = {};
+    interrupt.sa_handler = [](int) { is_interrupted = true; };
+    ASSERT_EQ(sigaction(SIGUSR1, &interrupt, nullptr), 0);
+    g_crash_handler = &m_handler;
+    const auto before = threadStates();
+    std::thread watcher([this] { sighupThread(m_signal_descriptor); });
+    EXPECT_TRUE(vantor::test::eventually([&] { return anotherSleeps(before); }));
+    ASSERT_EQ(pthread_kill(watcher.native_handle(), SIGUSR1), 0);
+    EXPECT_TRUE(vantor::test::eventually([] { return is_interrupted.load(); }));
+    EXPECT_EQ(m_standard_error.text(), "");
     ASSERT_EQ(kill(getpid(), SIGHUP), 0);
     watcher.join();
     EXPECT_EQ(m_standard_error.text(), "Client exited, pid 4711\n");
