@@ -126,10 +126,15 @@ void sleepUntilNews(Companion& companion, pollfd& acknowledgement) {
     openNewDumps(companion.watch, companion.path.directory);
 }
 
+[[noreturn]] void end() {
+    while (true)
+        (void)rawSystemCall(SYS_exit_group, 0);
+}
+
 /// Nothing is to be done for a process that was killed.
 void endWithProcess(const Companion& companion) {
     if (rawSystemCall(SYS_getppid) != companion.path.report.process)
-        (void)rawSystemCall(SYS_exit_group, 0);
+        end();
 }
 
 /// A server that is just starting is waited for, and takes its time.
@@ -174,22 +179,13 @@ bool isDeleted(const SeenDump& dump) {
            (rawSystemCall(SYS_fstat, dump.descriptor, asWord(&status)) == 0 && status.st_nlink == 0);
 }
 
-/// Makes a report of a dump that the server has left behind: it ended before the parameters.
-bool complete(const Companion& companion, const SeenDump& dump) {
-    if (isReportWanted(companion.path))
-        return addParameters(companion.path, dump.name);
-    deleteDump(companion.path, dump.name);
-    return true;
+/// A dump that is sent has parameters first. The server deletes one for which it could not make them.
+bool isThrownAway(const SeenDump& dump) {
+    return isDeleted(dump) && !dump.has_parameters;
 }
 
 void setName(CrashPath& path, const char* name) {
     RawText(path.report.name, sizeof(path.report.name)).add(name);
-}
-
-/// A tracer's end lets its tracees go, but not out of a stop that it had only asked for. Nor does Breakpad's
-/// detachment: where another signal comes at the moment of the attachment, the stop is still to come.
-void endStop(const CrashPath& path) {
-    (void)rawSystemCall(SYS_kill, path.report.process, SIGCONT);
 }
 
 void finishReport(Companion& companion, Answer answer) {
@@ -198,9 +194,12 @@ void finishReport(Companion& companion, Answer answer) {
         endStop(path);
     openNewDumps(companion.watch, path.directory);
     const SeenDump* const dump = findDump(companion.watch, path);
-    if (dump != nullptr) {
-        // A server that goes on has added the parameters; a dump that was deleted was sent, or is unwanted.
-        if (answer == Answer::Acknowledged || isDeleted(*dump) || complete(companion, *dump))
+    if (dump != nullptr && isThrownAway(*dump)) {
+        (void)rawSystemCall(SYS_close, dump->descriptor); // if it is open: the disk has its room back
+    } else if (dump != nullptr) {
+        // A server that goes on has added the parameters; a dump that was deleted was sent. One that ended in
+        // between left them to us.
+        if (answer == Answer::Acknowledged || isDeleted(*dump) || addParameters(path, dump->name))
             setName(path, dump->name);
         return;
     }
@@ -208,8 +207,7 @@ void finishReport(Companion& companion, Answer answer) {
     const bool is_seen = companion.watch.inotify != -1;
     if (answer == Answer::Unknown || (answer == Answer::Acknowledged && !is_seen))
         return; // there may be a report, and there are never two
-    if (isReportWanted(path))
-        (void)writeOwnReport(path);
+    (void)writeOwnReport(path);
 }
 
 } // namespace
@@ -230,8 +228,7 @@ void runCompanion(void* path_argument) {
     finishReport(companion, awaitAnswer(companion));
     endStop(path);
     __atomic_store_n(&path.report.is_finished, 1, __ATOMIC_RELEASE);
-    while (true)
-        (void)rawSystemCall(SYS_exit_group, 0);
+    end();
 }
 
 } // namespace vantor::client

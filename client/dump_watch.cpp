@@ -12,34 +12,57 @@ namespace vantor::client {
 namespace {
 
 constexpr char kDumpExtension[] = ".dmp";
+constexpr char kParamsExtension[] = ".params";
 constexpr size_t kStemSize = kReportNameSize - 1;
 
-/// The 36 characters of a report, and the extension of a dump.
-bool isDumpName(const char* name) {
-    size_t size = 0;
-    while (name[size] != '\0' && size < kStemSize)
-        ++size;
-    for (size_t i = 0; i < sizeof(kDumpExtension); ++i) {
-        if (name[size + i] != kDumpExtension[i])
+/// Looks at nothing behind the first difference.
+bool areSame(const char* text, const char* other, size_t size) {
+    for (size_t i = 0; i < size; ++i) {
+        if (text[i] != other[i])
             return false;
     }
-    return size == kStemSize;
+    return true;
+}
+
+/// Whether a file has a name as long as a report's, and this extension.
+template <size_t kSize>
+bool isNamed(const char* file_name, const char (&extension)[kSize]) {
+    size_t size = 0;
+    while (file_name[size] != '\0' && size < kStemSize)
+        ++size;
+    return size == kStemSize && areSame(file_name + size, extension, kSize);
 }
 
 void openDump(DumpWatch& watch, const char* directory, const char* file_name) {
-    if (watch.count == DumpWatch::kMostDumps || !isDumpName(file_name))
+    if (watch.count == DumpWatch::kMostDumps)
         return;
 
     char path[PATH_MAX];
     RawText(path, sizeof(path)).add(directory).add("/").add(file_name);
-    const long descriptor =
-        rawSystemCall(SYS_openat, AT_FDCWD, asWord(path), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    long descriptor = rawSystemCall(SYS_openat, AT_FDCWD, asWord(path), kFlags);
+    if (descriptor < 0 && descriptor != -ENOENT) // as below: what is not seen would be made again
+        descriptor = rawSystemCall(SYS_openat, AT_FDCWD, asWord(path), kFlags);
     if (descriptor < 0 && descriptor != -ENOENT)
         return;
     SeenDump& dump = watch.dumps[watch.count];
     dump.descriptor = descriptor < 0 ? -1 : static_cast<int>(descriptor);
     RawText(dump.name, sizeof(dump.name)).add(file_name, kStemSize);
+    dump.has_parameters = false;
     ++watch.count;
+}
+
+void noteParameters(DumpWatch& watch, const char* file_name) {
+    for (int i = 0; i < watch.count; ++i) {
+        if (areSame(file_name, watch.dumps[i].name, kStemSize))
+            watch.dumps[i].has_parameters = true;
+    }
+}
+
+/// What could not be read may be the crash's dump, of which there shall be one: it is asked again.
+MinidumpState readDump(int descriptor, MinidumpCrash* crash) {
+    const MinidumpState state = readMinidump(descriptor, crash);
+    return state == MinidumpState::Unreadable ? readMinidump(descriptor, crash) : state;
 }
 
 } // namespace
@@ -63,8 +86,10 @@ void openNewDumps(DumpWatch& watch, const char* directory) {
            (size = rawSystemCall(SYS_read, watch.inotify, asWord(events), sizeof(events))) > 0) {
         for (long i = 0; i < size;) {
             const auto* const event = reinterpret_cast<const inotify_event*>(events + i);
-            if (event->len > kStemSize + sizeof(kDumpExtension) - 1)
+            if (event->len > kStemSize && isNamed(event->name, kDumpExtension))
                 openDump(watch, directory, event->name);
+            else if (event->len > kStemSize && isNamed(event->name, kParamsExtension))
+                noteParameters(watch, event->name);
             i += static_cast<long>(sizeof(inotify_event) + event->len);
         }
     }
@@ -87,7 +112,7 @@ const SeenDump* findDump(const DumpWatch& watch, const CrashPath& path) {
         MinidumpCrash crash;
         if (dump.descriptor == -1)
             deleted = &dump;
-        else if (readMinidump(dump.descriptor, &crash) == MinidumpState::Whole &&
+        else if (readDump(dump.descriptor, &crash) == MinidumpState::Whole &&
                  crash.thread == static_cast<uint32_t>(path.report.thread) &&
                  crash.signal == static_cast<uint32_t>(path.context.signal.si_signo))
             return &dump;

@@ -12,6 +12,7 @@ namespace vantor::client {
 struct SeenDump {
     int descriptor; ///< -1: it was deleted before it could be opened
     char name[kReportNameSize];
+    bool has_parameters; ///< a file of them was made
 };
 
 struct DumpWatch {
@@ -24,7 +25,7 @@ struct DumpWatch {
 
 void startWatch(DumpWatch& watch, const char* directory);
 
-/// Opens what has begun since the last call.
+/// Opens the dumps that have begun since the last call, and sees their parameters.
 void openNewDumps(DumpWatch& watch, const char* directory);
 
 /// What all of them have grown to. It tells that a server is at work.

@@ -154,10 +154,22 @@ bool awaitWriter(const CrashPath& path, pid_t writer, const PathText& file) {
     return false;
 }
 
-bool writeDump(CrashPath& path, const PathText& file) {
+bool tryToWriteDump(CrashPath& path, const PathText& file) {
     MinidumpToWrite minidump = {file, path.report.process, &path.context, sizeof(path.context)};
     const long writer = rawClone(CLONE_VM, path.writer_stack_top, nullptr, runMinidumpWriter, &minidump);
     return writer >= 0 && awaitWriter(path, static_cast<pid_t>(writer), file);
+}
+
+/// The second time for what may have been a moment's trouble: a writer that was killed, or memory or room
+/// that was short.
+bool writeDump(CrashPath& path, const PathText& file) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (tryToWriteDump(path, file))
+            return true;
+        deleteFile(file);
+        endStop(path);
+    }
+    return false;
 }
 
 } // namespace
@@ -182,14 +194,13 @@ bool writeOwnReport(CrashPath& path) {
     PathText dump;
     makePath(path, name, ".dmp", kTemporary, temporary);
     makePath(path, name, ".dmp", "", dump);
-    if (!writeDump(path, temporary) || !renameFile(temporary, dump)) {
+    if (!writeDump(path, temporary))
+        return false;
+    if (!renameFile(temporary, dump)) {
         deleteFile(temporary);
         return false;
     }
-    if (!addParameters(path, name)) {
-        deleteFile(dump);
-        return false;
-    }
+    (void)addParameters(path, name); // a whole dump gets some at a later start
     RawText(path.report.name, sizeof(path.report.name)).add(name);
     return true;
 }
@@ -214,10 +225,9 @@ bool addParameters(const CrashPath& path, const char* name) {
     return false;
 }
 
-void deleteDump(const CrashPath& path, const char* name) {
-    PathText dump;
-    makePath(path, name, ".dmp", "", dump);
-    deleteFile(dump);
+void endStop(const CrashPath& path) {
+    if (rawSystemCall(SYS_getppid) == path.report.process) // otherwise the number may be another's by now
+        (void)rawSystemCall(SYS_kill, path.report.process, SIGCONT);
 }
 
 } // namespace vantor::client
