@@ -202,6 +202,29 @@ TEST_F(AnnotationsStepsTest, ALineInPlaceOfTheOldest) {
                           [this] { return m_annotations->log().add("line 4"); });
 }
 
+TEST(AnnotationsForkStepsTest, TheFirstChangeAloneGoesThroughAllAnnotations) {
+    std::unique_ptr<Annotations> annotations;
+    ASSERT_EQ(Annotations::create({.capacity = 50}, &annotations), AnnotationError::None);
+    for (int i = 0; i < 50; ++i)
+        EXPECT_EQ(annotations->set(std::to_string(i), std::string(200, 'v')), AnnotationError::None);
+    SharedMemory<std::atomic<int>> changes;
+    TracedChild child([&] {
+        for (const char* value : {"first", "second"})
+            if (annotations->set("0", value) == AnnotationError::None)
+                ++*changes;
+    });
+
+    const auto instructionsUntil = [&](int count) {
+        int instructions = 0;
+        while (*changes < count && child.step())
+            ++instructions;
+        EXPECT_EQ(*changes, count);
+        return instructions;
+    };
+    const int first = instructionsUntil(1);
+    EXPECT_LT(instructionsUntil(2), first / 2);
+}
+
 // A crash in the middle of a set(), at each of its instructions. In the child:
 
 Annotations* g_annotations = nullptr;

@@ -82,6 +82,8 @@ VantorCrashStatus vantor_crash_guard_thread(void) {
 }
 
 VantorCrashStatus vantor_crash_dump(char* report) {
+    if (report != nullptr)
+        *report = '\0';
     return withService([=](Service& service) { return service.dump(report); });
 }
 

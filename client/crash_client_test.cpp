@@ -1,10 +1,14 @@
 #include <vantor/crash_client.h>
 
 #include "tests/support/eventually.h"
+#include "tests/support/namespaces.h"
 #include "tests/support/programs.h"
 #include "tests/support/temporary_directory.h"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -12,6 +16,9 @@
 #include <gmock/gmock.h>
 #include <map>
 #include <sstream>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +33,8 @@ using testing::SizeIs;
 using vantor::test::eventually;
 
 using Parameters = std::map<std::string, std::string>;
+
+constexpr uid_t kNobody = 65534;
 
 class CrashClientTest : public testing::Test {
 protected:
@@ -72,6 +81,14 @@ protected:
         for (std::string name, value; std::getline(text, name) && std::getline(text, value);)
             parameters[name] = value;
         return parameters;
+    }
+
+    /// Sets annotations of the greatest length.
+    static VantorCrashStatus setManyUntilRefused() {
+        VantorCrashStatus status = VANTOR_CRASH_OK;
+        for (int i = 0; status == VANTOR_CRASH_OK; ++i)
+            status = client::set(std::to_string(i).c_str(), std::string(255, 'x'));
+        return status;
     }
 
     /// How a forked child ends that starts the service and does something.
@@ -141,6 +158,9 @@ TEST_F(CrashClientTest, OptionsThatCannotBeAreRefused) {
               "Give deadline_ms and start_deadline_ms 1 to 600000.");
     EXPECT_EQ(refusal([](auto& options) { options.data_home = "here"; }),
               "Give data_home as an absolute path, or NULL.");
+    const std::string long_path = "/" + std::string(PATH_MAX, 'd');
+    EXPECT_EQ(refusal([&](auto& options) { options.data_home = long_path.c_str(); }),
+              "The path of the crash directory is too long; set data_home.");
     const std::string table = "An option has a value that is not allowed: annotation_capacity has 1 to 1024, "
                               "log_lines 0 to 99, and the deadlines have 1 to 600000.";
     EXPECT_EQ(refusal([](auto& options) { options.annotation_capacity = 1025; }), table);
@@ -183,7 +203,9 @@ TEST_F(CrashClientTest, TheProcessGoesOnAfterADump) {
     ASSERT_TRUE(client::start(m_options));
     std::string first;
     std::string second;
+    errno = 0;
     ASSERT_TRUE(client::dump(&first));
+    EXPECT_EQ(errno, 0);
     EXPECT_EQ(client::set("dumps", "one"), VANTOR_CRASH_OK);
     ASSERT_TRUE(client::dump(&second));
     EXPECT_EQ(parametersOf(first).count("dumps"), 0U);
@@ -198,9 +220,24 @@ TEST_F(CrashClientTest, RefusedAnnotationsSayWhatToDo) {
     EXPECT_EQ(client::set("disable_upload", "1"), VANTOR_CRASH_NAME_RESERVED);
     EXPECT_EQ(client::set("", "1"), VANTOR_CRASH_NAME_EMPTY);
     EXPECT_EQ(vantor_crash_set(nullptr, nullptr), VANTOR_CRASH_NAME_EMPTY);
+    EXPECT_EQ(client::set(std::string(64, 'n').c_str(), "1"), VANTOR_CRASH_NAME_TOO_LONG);
+    EXPECT_EQ(client::set("a\nb", "1"), VANTOR_CRASH_NAME_BYTES);
+    EXPECT_EQ(client::set("a", ""), VANTOR_CRASH_VALUE_EMPTY);
     EXPECT_EQ(client::set("a", std::string(256, 'x')), VANTOR_CRASH_VALUE_TOO_LONG);
     EXPECT_STREQ(vantor_crash_explain(VANTOR_CRASH_VALUE_TOO_LONG),
                  "The value is longer than 255 bytes: shorten it, or spread it over several annotations.");
+}
+
+TEST_F(CrashClientTest, AnnotationsEndWithTheTable) {
+    m_options.annotation_capacity = 10;
+    ASSERT_TRUE(client::start(m_options));
+    EXPECT_EQ(setManyUntilRefused(), VANTOR_CRASH_TABLE_FULL);
+}
+
+TEST_F(CrashClientTest, AnnotationsEndWithTheReport) {
+    m_options.annotation_capacity = 1024;
+    ASSERT_TRUE(client::start(m_options));
+    EXPECT_EQ(setManyUntilRefused(), VANTOR_CRASH_REPORT_FULL);
 }
 
 TEST_F(CrashClientTest, EveryStatusHasASentence) {
@@ -232,6 +269,44 @@ TEST_F(CrashClientTest, WithoutAServerTheProcessReportsItself) {
     EXPECT_TRUE(eventually([] { return client::health().condition == VANTOR_CRASH_SERVING; }));
 }
 
+TEST_F(CrashClientTest, WhatItMakesIsTheOwnersAloneWhateverTheMask) {
+    const mode_t mask = umask(0);
+    EXPECT_TRUE(client::start(m_options));
+    EXPECT_TRUE(client::dump());
+    EXPECT_TRUE(client::stop());
+    (void)umask(mask);
+
+    size_t files = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(m_data.path())) {
+        const auto mode = static_cast<unsigned>(entry.status().permissions());
+        EXPECT_EQ(mode, entry.is_directory() ? 0700U : 0600U) << entry.path();
+        files += entry.is_regular_file() ? 1U : 0U;
+    }
+    EXPECT_GE(files, 2U); // the report, at least
+}
+
+TEST_F(CrashClientTest, AProcessThatHasChangedItsUserIsOpenedForItsReport) {
+    const int status = run([] {
+        if (setresuid(kNobody, kNobody, kNobody) != 0 || prctl(PR_GET_DUMPABLE) == 1)
+            _exit(101);
+        (void)client::dump();
+        _exit(prctl(PR_GET_DUMPABLE));
+    });
+    EXPECT_EQ(vantor::test::describeEnd(status), "exit 1");
+}
+
+/// The kernel would write its core file with the rights of the one user where the other likes.
+TEST_F(CrashClientTest, AProcessWithTheRightsOfTwoUsersStaysClosed) {
+    const int status = run([] {
+        if (setresuid(kNobody, 0, 0) != 0 || setresuid(static_cast<uid_t>(-1), kNobody, 0) != 0 ||
+            prctl(PR_GET_DUMPABLE) == 1)
+            _exit(101);
+        (void)client::dump();
+        _exit(prctl(PR_GET_DUMPABLE) == 1 ? 1 : 0);
+    });
+    EXPECT_EQ(vantor::test::describeEnd(status), "exit 0");
+}
+
 TEST_F(CrashClientTest, ADirectoryThatCannotBeMadeIsAnError) {
     const std::string file = m_data / "file";
     vantor::test::writeFile(file, "");
@@ -242,13 +317,17 @@ TEST_F(CrashClientTest, ADirectoryThatCannotBeMadeIsAnError) {
                                      "/vantor/crash cannot be written to: Not a directory."),
               0U)
         << started.problem();
-    EXPECT_EQ(client::dump().status(), VANTOR_CRASH_NOT_WRITTEN);
+    char report[VANTOR_CRASH_REPORT_SIZE] = "of an earlier dump";
+    EXPECT_EQ(vantor_crash_dump(report), VANTOR_CRASH_NOT_WRITTEN);
+    EXPECT_STREQ(report, "");
 }
 
 TEST_F(CrashClientTest, WithoutConsentNothingIsKept) {
     m_options.consent = 0;
     ASSERT_TRUE(client::start(m_options));
-    EXPECT_TRUE(client::dump());
+    std::array<char, VANTOR_CRASH_REPORT_SIZE> name = {"as it was"};
+    EXPECT_EQ(vantor_crash_dump(name.data()), VANTOR_CRASH_OK);
+    EXPECT_STREQ(name.data(), "");
     EXPECT_THAT(files(".dmp"), IsEmpty());
     EXPECT_TRUE(client::setConsent(true));
     EXPECT_TRUE(client::dump());
@@ -338,6 +417,25 @@ TEST_F(CrashClientTest, AForkedChildCanHaveAServerOfItsOwn) {
     ASSERT_THAT(files(".params"), SizeIs(1));
     EXPECT_EQ(parametersOf(files(".params").front()).count("forked_from"), 0U);
     EXPECT_EQ(client::health().server, parents_server);
+}
+
+TEST_F(CrashClientTest, AForkedChildThatMayHaveNoGuardianHasNone) {
+    ASSERT_TRUE(client::start(m_options));
+    const pid_t child = fork();
+    if (child == 0) {
+        const rlimit none = {0, 0}; // for whoever is not root
+        if (setrlimit(RLIMIT_NPROC, &none) != 0 || setuid(kNobody) != 0)
+            _exit(1);
+        if (client::afterFork().status() != VANTOR_CRASH_NO_PROCESS)
+            _exit(2);
+        const VantorCrashHealth health = client::health();
+        const bool is_known = health.condition == VANTOR_CRASH_GONE && health.server == -1 &&
+                              health.guardian == -1 && health.restarts == 0 && health.last_end == -1;
+        _exit(is_known ? 0 : 3);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(CrashClientTest, ARestartedServerKnowsTheAnnotations) {

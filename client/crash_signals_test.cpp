@@ -1,6 +1,7 @@
 #include "client/crash_signals.h"
 
 #include <atomic>
+#include <cerrno>
 #include <csetjmp>
 #include <csignal>
 #include <cstring>
@@ -59,6 +60,23 @@ void setHandler(int signal, void (*handler)(int, siginfo_t*, void*)) {
     action.sa_sigaction = handler;
     action.sa_flags = SA_SIGINFO;
     ASSERT_EQ(sigaction(signal, &action, nullptr), 0);
+}
+
+struct sigaction g_ours; // as a later handler saw it
+
+void callOurs(int signal, siginfo_t* info, void* context) {
+    g_ours.sa_sigaction(signal, info, context);
+}
+
+/// What a sandbox does to a system call.
+void deny(unsigned int call, unsigned int verdict) {
+    sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                             BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+                             BPF_STMT(BPF_RET | BPF_K, verdict),
+                             BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
+    const sock_fprog filter = {static_cast<unsigned short>(std::size(program)), program};
+    ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
 }
 
 /// Signals are dealt with in children, which start with the default actions that a sanitizer may have
@@ -180,21 +198,84 @@ TEST_F(CrashSignalsTest, AHandlerThatRecoversFromAFaultGoesOn) {
     EXPECT_EQ(g_seen->earlier.si_code, SEGV_MAPERR);
 }
 
+TEST_F(CrashSignalsTest, WhoGoesOnFindsErrnoAsItWas) {
+    const int status = statusOf([] {
+        setHandler(SIGTRAP, countEarlier);
+        installCrashSignals([](const siginfo_t&, const ucontext_t&) { errno = EIO; });
+        errno = 0;
+        (void)raise(SIGTRAP);
+        _exit(errno);
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(g_seen->earlier_calls, 1);
+}
+
 TEST_F(CrashSignalsTest, WhoIsCalledByALaterHandlerGoesOnToTheEarlierOne) {
-    static struct sigaction ours; // as the later one saw it
     const int status = statusOf([] {
         setHandler(SIGSEGV, countAndEnd);
         installCrashSignals(report);
-        ASSERT_EQ(sigaction(SIGSEGV, nullptr, &ours), 0);
-        setHandler(SIGSEGV, [](int signal, siginfo_t* info, void* context) {
-            ours.sa_sigaction(signal, info, context);
-        });
+        ASSERT_EQ(sigaction(SIGSEGV, nullptr, &g_ours), 0);
+        setHandler(SIGSEGV, callOurs);
         crash();
     });
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 7);
     EXPECT_EQ(g_seen->reports, 1);
     EXPECT_EQ(g_seen->earlier_calls, 1);
+}
+
+TEST_F(CrashSignalsTest, AnEarlierHandlerThatTakesTheNumberAloneIsCalledAsWell) {
+    const int status = statusOf([] {
+        (void)std::signal(SIGSEGV, [](int signal) { _exit(signal); });
+        installCrashSignals(report);
+        ASSERT_EQ(sigaction(SIGSEGV, nullptr, &g_ours), 0);
+        setHandler(SIGSEGV, callOurs);
+        crash();
+    });
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), SIGSEGV);
+    EXPECT_EQ(g_seen->reports, 1);
+}
+
+TEST_F(CrashSignalsTest, WhoIsCalledByALaterHandlerAfterTheRemovalHandsOnWithoutAReport) {
+    const int status = statusOf([] {
+        setHandler(SIGSEGV, countAndEnd);
+        installCrashSignals(report);
+        ASSERT_EQ(sigaction(SIGSEGV, nullptr, &g_ours), 0);
+        setHandler(SIGSEGV, callOurs);
+        removeCrashSignals();
+        crash();
+    });
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+    EXPECT_EQ(g_seen->reports, 0);
+    EXPECT_EQ(g_seen->earlier_calls, 1);
+}
+
+TEST_F(CrashSignalsTest, ASecondInstallationKeepsTheEarlierHandler) {
+    const int status = statusOf([] {
+        setHandler(SIGSEGV, countAndEnd);
+        installCrashSignals(report);
+        installCrashSignals(report);
+        crash();
+    });
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+    EXPECT_EQ(g_seen->reports, 1);
+}
+
+TEST_F(CrashSignalsTest, ASignalThatIsSentDuringTheReportDoesNotEndIt) {
+    const int status = statusOf([] {
+        installCrashSignals([](const siginfo_t& signal, const ucontext_t& context) {
+            raise(SIGTRAP);
+            report(signal, context);
+        });
+        raise(SIGILL);
+    });
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGILL);
+    EXPECT_EQ(g_seen->reports, 1);
+    EXPECT_EQ(g_seen->reported.si_signo, SIGILL);
 }
 
 TEST_F(CrashSignalsTest, ThreadsThatCrashTogetherMakeOneReport) {
@@ -210,19 +291,24 @@ TEST_F(CrashSignalsTest, ThreadsThatCrashTogetherMakeOneReport) {
 TEST_F(CrashSignalsTest, ASystemCallThatASandboxTrapsIsReported) {
     const int status = statusOf([] {
         installCrashSignals(report);
-        sock_filter program[] = {BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-                                 BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_sethostname, 0, 1),
-                                 BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_TRAP),
-                                 BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)};
-        const sock_fprog filter = {static_cast<unsigned short>(std::size(program)), program};
-        ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-        ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+        deny(SYS_sethostname, SECCOMP_RET_TRAP);
         (void)syscall(SYS_sethostname, "", 0);
     });
     EXPECT_EQ(WTERMSIG(status), SIGSYS);
     EXPECT_EQ(g_seen->reports, 1);
     constexpr int kSentBySeccomp = 1; // SYS_SECCOMP, which the C library lacks
     EXPECT_EQ(g_seen->reported.si_code, kSentBySeccomp);
+}
+
+TEST_F(CrashSignalsTest, ASandboxThatRefusesTheSignalsSecondComingKeepsNobodyAlive) {
+    const int status = statusOf([] {
+        installCrashSignals(report);
+        deny(SYS_rt_tgsigqueueinfo, SECCOMP_RET_ERRNO | EPERM);
+        raise(SIGFPE);
+    });
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGFPE);
+    EXPECT_EQ(g_seen->reports, 1);
 }
 
 TEST_F(CrashSignalsTest, TheRemovalPutsHandlersBackButThoseOfOthers) {

@@ -29,7 +29,7 @@ bool Directory::remove(const std::string& name) const {
 }
 
 bool makeDirectories(const std::string& path) {
-    constexpr mode_t kMode = 0777; // less the process's mask
+    constexpr mode_t kMode = 0700; // reports are nobody else's, whatever the process's mask
     for (size_t end = path.find('/', 1); end != std::string::npos; end = path.find('/', end + 1))
         (void)mkdir(path.substr(0, end).c_str(), kMode); // most of them exist
     if (mkdir(path.c_str(), kMode) == 0)

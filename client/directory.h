@@ -40,8 +40,9 @@ private:
     int m_error = 0;
 };
 
-/// Creates a directory and whatever of its parents is missing, as the crash server does. True when it exists
-/// afterwards; otherwise errno says why not.
+/// Creates a directory and whatever of its parents is missing, for the owner alone: the crash server, which
+/// would leave that to the process's mask, then finds them made. True when it exists afterwards; otherwise
+/// errno says why not.
 bool makeDirectories(const std::string& path);
 
 } // namespace vantor::client

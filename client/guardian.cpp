@@ -5,6 +5,7 @@
 #include "client/guardian_mark.h"
 #include "client/guardian_memory.h"
 #include "client/guardian_process.h"
+#include "client/raw_time.h"
 
 #include <cerrno>
 #include <csignal>
@@ -24,6 +25,7 @@ namespace {
 
 // How long to wait for what takes microseconds, until something else is tried.
 constexpr timespec kPatienceForStart = {.tv_sec = 0, .tv_nsec = 100'000'000};
+constexpr int64_t kPatienceWithGuardian = 2'000'000'000;
 constexpr timespec kPatienceForEnd = {.tv_sec = 2, .tv_nsec = 0};
 
 int64_t nanoseconds(std::chrono::milliseconds span) {
@@ -60,12 +62,25 @@ bool isStarted(const GuardianState& state) {
     return __atomic_load_n(&state.is_started, __ATOMIC_ACQUIRE) != 0;
 }
 
-/// Until the guardian has told how the start went, or has gone without a word: then false.
+int64_t now() {
+    return rawTime(CLOCK_MONOTONIC);
+}
+
+/// Until the guardian has told how the start went. False when it has gone without a word, or when there is
+/// none for far longer than the server may take: it was stopped, or its child.
 bool awaitStart(GuardianState& state) {
-    while (!isStarted(state) && guardianOf(state) != 0)
+    const int64_t limit = now() + state.times.greeting_deadline + kPatienceWithGuardian;
+    while (!isStarted(state) && guardianOf(state) != 0 && now() < limit)
         (void)rawSystemCall(SYS_futex, asWord(&state.is_started), FUTEX_WAIT_PRIVATE, 0,
                             asWord(&kPatienceForStart));
     return isStarted(state);
+}
+
+/// Kills a guardian, and its child that shares the memory until it becomes the server. False when that is not
+/// allowed.
+bool killGuardian(const GuardianState& state, pid_t guardian) {
+    const pid_t launched = __atomic_load_n(&state.launched, __ATOMIC_ACQUIRE);
+    return (launched == 0 || kill(launched, SIGKILL) == 0) && kill(guardian, SIGKILL) == 0;
 }
 
 /// Waits until it ends by itself; one that cannot, as a process that was stopped, is killed. False when
@@ -74,7 +89,7 @@ bool awaitEnd(const GuardianState& state, pid_t guardian) {
     while (guardianOf(state) != 0) {
         const long result = rawSystemCall(SYS_futex, asWord(&state.guardian), FUTEX_WAIT, guardian,
                                           asWord(&kPatienceForEnd)); // the kernel wakes as if shared
-        if (result == -ETIMEDOUT && kill(guardian, SIGKILL) != 0)
+        if (result == -ETIMEDOUT && !killGuardian(state, guardian))
             return false;
     }
     return true;
@@ -146,7 +161,8 @@ std::string explain(StartFailure failure, long detail, const GuardianOptions& op
         return server +
                " did not greet as a crash server does. Install the one that belongs to this library.";
     default:
-        return "The guardian of the crash server was killed. Look in the system's log for what did it.";
+        return "The guardian of the crash server was killed or stopped. Look in the system's log for what "
+               "did it.";
     }
 }
 

@@ -229,7 +229,8 @@ Start startServerOn(Guardian& guardian, int socket, int server_socket) {
     if (result < 0)
         return {StartFailure::Socket, result};
 
-    const LaunchedServer launched = launchServer(guardian.state.server, server_socket);
+    const LaunchedServer launched =
+        launchServer(guardian.state.server, server_socket, &guardian.state.launched);
     closeOurs(guardian, server_socket); // the server alone holds it, so that its end shows on ours
     if (launched.pid < 0)
         return {StartFailure::Process, launched.pid};

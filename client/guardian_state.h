@@ -61,6 +61,8 @@ struct GuardianState {
     long failure_detail = 0;
     int socket = -1;     ///< the application's end; the same number at every restart
     uint64_t status = 0; ///< a GuardianStatus
+    int32_t launched =
+        0; ///< a process that is about to become the server, for which the guardian waits; 0: none
 
     uint32_t is_stopped = 0; ///< written by the application
 

@@ -4,6 +4,7 @@
 #include "tests/support/descriptor.h"
 #include "tests/support/eventually.h"
 #include "tests/support/namespaces.h"
+#include "tests/support/no_descriptors.h"
 #include "tests/support/programs.h"
 #include "tests/support/temporary_directory.h"
 
@@ -500,6 +501,31 @@ TEST_F(GuardianTest, SaysThatTheServerIsNoProgram) {
     EXPECT_THAT(failure(), HasSubstr("could not be run: Exec format error. Install the executable"));
 }
 
+TEST_F(GuardianTest, SaysWhatNobodyHasAnAdviceFor) {
+    m_options.server = useScript("") + "/server";
+    EXPECT_EQ("The crash server " + m_options.server +
+                  " could not be run: Not a directory. Run it by hand to see what is wrong.",
+              failure());
+}
+
+TEST_F(GuardianTest, SaysThatThereAreNoDescriptors) {
+    const std::string error = [options = m_options] { // a sanitizer looks at the fixture by a descriptor
+        const test::NoDescriptorsToBeHad none;
+        return Guardian::start(options).error;
+    }();
+    EXPECT_EQ(
+        "The socket for the crash server could not be made: Too many open files. Allow this process more "
+        "descriptors (ulimit -n), and sockets of the kind AF_UNIX.",
+        error);
+}
+
+TEST_F(GuardianTest, SaysThatTheServerWasKilled) {
+    useScript("kill -9 $$");
+    EXPECT_EQ("The crash server " + m_options.server +
+                  " ended before it served (signal 9). Its messages on standard error say why.",
+              failure());
+}
+
 TEST_F(GuardianTest, SaysThatTheServerEnded) {
     useScript("exit 3");
     EXPECT_EQ("The crash server " + m_options.server +
@@ -591,6 +617,27 @@ TEST_F(GuardianTest, GivesUpAfterSoManyStartsWithoutAServer) {
     EXPECT_GE(times[1] - times[0], 20'000'000);
     EXPECT_GE(times[2] - times[1], 40'000'000);
     EXPECT_GE(times[3] - times[2], 50'000'000);
+}
+
+TEST_F(GuardianTest, DoesNotHoldTheApplicationWhenItIsStopped) {
+    const std::set<pid_t> before = processes();
+    m_options.greeting_deadline = 500ms;
+    useScript("exec cat <&3 >/dev/null"); // does not greet, and ends when nobody has the other end
+    std::thread stopper([] {
+        EXPECT_TRUE(eventually([] {
+            const std::set<pid_t> all = processes();
+            return std::any_of(all.begin(), all.end(), [](pid_t pid) {
+                return statusOf(pid, "Name") == "crash_guardian" && kill(pid, SIGSTOP) == 0;
+            });
+        }));
+    });
+    const StartedGuardian started = Guardian::start(m_options);
+    stopper.join();
+    EXPECT_EQ(nullptr, started.guardian);
+    EXPECT_EQ(
+        "The guardian of the crash server was killed or stopped. Look in the system's log for what did it.",
+        started.error);
+    EXPECT_TRUE(eventually([&] { return processes() == before; }));
 }
 
 TEST_F(GuardianTest, NeedsAProcessOfItsOwnEvenWithoutAServer) {

@@ -21,6 +21,9 @@ using namespace std::chrono_literals;
 /// dump without them. This is for the slowest disk.
 constexpr auto kTimeForParams = 10s;
 
+/// They are two lines, and whoever writes them is done in an instant, or was killed.
+constexpr auto kTimeForTemporaryParams = 1min;
+
 /// A dump of much memory, on a slow disk, in a process that is stopped meanwhile, is complete in less.
 constexpr auto kTimeForAll = 24h;
 
@@ -67,7 +70,8 @@ private:
     void sweepTemporary(const std::string& name);
     MinidumpState readDump(const std::string& guid) const;
     bool complete(const std::string& guid, WallTime time);
-    bool writeParams(const std::string& name, WallTime time);
+    int createTemporary(const std::string& name);
+    bool writeParams(const FileDescriptor& file, const std::string& name, WallTime time);
     bool remove(const std::string& name);
     void dropReport(const std::string& guid);
     void noteError(const std::string& name, const char* deed);
@@ -149,39 +153,50 @@ MinidumpState Tidier::readDump(const std::string& guid) const {
     return dump.isOpen() ? readMinidump(dump.get(), &crash) : MinidumpState::Unreadable;
 }
 
-/// Makes the parameters appear as a whole, and in nobody's place.
+/// Makes the parameters appear as a whole, and in nobody's place. What gets the name is the file that was
+/// written here, even if another process has put its own under the temporary name meanwhile.
 bool Tidier::complete(const std::string& guid, WallTime time) {
     const std::string temporary = nameOf(guid, kTemporaryParams);
     const std::string params = nameOf(guid, kParams);
-    if (!writeParams(temporary, time))
+    const FileDescriptor file(createTemporary(temporary));
+    if (!file.isOpen())
         return false;
 
-    const int directory = m_directory.descriptor();
-    const bool is_complete = linkat(directory, temporary.c_str(), directory, params.c_str(), 0) == 0;
-    if (!is_complete && errno != EEXIST)
-        noteError(params, "written");
+    bool is_complete = false;
+    if (writeParams(file, temporary, time)) {
+        const std::string written = "/proc/self/fd/" + std::to_string(file.get());
+        is_complete = linkat(AT_FDCWD, written.c_str(), m_directory.descriptor(), params.c_str(),
+                             AT_SYMLINK_FOLLOW) == 0;
+        if (!is_complete && errno != EEXIST)
+            noteError(params, "written");
+    }
     (void)m_directory.remove(temporary); // it is swept another day
     return is_complete;
 }
 
-bool Tidier::writeParams(const std::string& name, WallTime time) {
-    FileDescriptor file(openat(m_directory.descriptor(), name.c_str(),
-                               O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file.isOpen()) {
-        if (errno != EEXIST) // then another process is at it
-            noteError(name, "written");
-        return false;
-    }
+/// A process that was killed in the middle leaves the file, which must not keep the dump from being sent. -1:
+/// another process may be at it, or there is an error.
+int Tidier::createTemporary(const std::string& name) {
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+    int file = openat(m_directory.descriptor(), name.c_str(), kFlags, 0600);
+    struct stat status = {};
+    if (file == -1 && errno == EEXIST && look(name, &status) == Place::File &&
+        isOlderThan(kTimeForTemporaryParams, status) && m_directory.remove(name))
+        file = openat(m_directory.descriptor(), name.c_str(), kFlags, 0600);
+    if (file == -1 && errno != EEXIST)
+        noteError(name, "written");
+    return file;
+}
 
+bool Tidier::writeParams(const FileDescriptor& file, const std::string& name, WallTime time) {
     const std::string text = "time\n" + std::to_string(time.time_since_epoch().count()) + "\n";
     const ssize_t length = write(file.get(), text.data(), text.size());
-    if (length == static_cast<ssize_t>(text.size()) && file.close())
+    if (length == static_cast<ssize_t>(text.size()))
         return true;
 
-    if (length >= 0 && file.isOpen())
+    if (length >= 0)
         errno = ENOSPC; // a part of it found room
     noteError(name, "written");
-    (void)m_directory.remove(name); // it is swept another day
     return false;
 }
 

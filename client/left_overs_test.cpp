@@ -96,6 +96,14 @@ TEST_F(LeftOversTest, AnotherProcessMayBeAtIt) {
     EXPECT_THAT(names(), ElementsAre(kGuid + ".dmp", kGuid + ".params.tmp"));
 }
 
+TEST_F(LeftOversTest, AnotherProcessThatWasKilledIsNotWaitedFor) {
+    givenDump(kGuid);
+    givenFile(kGuid + ".params.tmp", "ti");
+    expectDone(tidyAfter(61s), 1, 0, 0);
+    EXPECT_THAT(names(), ElementsAre(kGuid + ".dmp", kGuid + ".params"));
+    EXPECT_EQ("time\n1795260245084919692\n", test::readFile(pathOf(kGuid + ".params")));
+}
+
 TEST_F(LeftOversTest, TimesThatNobodyCanTellAreBounded) {
     givenDump(guid('a'));
     givenDump(guid('b'));
@@ -180,7 +188,7 @@ TEST_F(LeftOversTest, ALinkInThePlaceOfTheTemporaryFileIsNotWrittenTo) {
     test::writeFile(elsewhere / "precious", "data");
     std::filesystem::create_symlink(elsewhere / "precious", pathOf(kGuid + ".params.tmp"));
     givenDump(kGuid);
-    expectDone(tidyAfter(11s), 0, 0, 0);
+    expectDone(tidyAfter(61s), 0, 0, 0);
     EXPECT_EQ("data", test::readFile(elsewhere / "precious"));
     EXPECT_THAT(names(), ElementsAre(kGuid + ".dmp", kGuid + ".params.tmp"));
 }
@@ -274,6 +282,18 @@ TEST_F(LeftOversTest, ADirectoryThatCannotBeWrittenIsTold) {
     EXPECT_EQ(before, names());
 }
 
+TEST_F(LeftOversTest, ABrokenDumpThatCannotBeDeletedIsTold) {
+    const test::SmallDisk disk(m_directory.path(), "size=64k");
+    givenFile(kGuid + ".dmp", "MDMP");
+    ASSERT_EQ(0, mount("", m_directory.path().c_str(), "", MS_REMOUNT | MS_RDONLY, nullptr));
+    const TidiedReports done = tidyAfter(25h);
+    EXPECT_EQ(0U, done.swept);
+    EXPECT_EQ(
+        "The file " + pathOf(kGuid + ".dmp") +
+            " could not be deleted: Read-only file system. Name a directory on a disk that can be written.",
+        done.error);
+}
+
 TEST_F(LeftOversTest, AFullDiskIsToldAndKeepsTheDump) {
     const test::SmallDisk disk(m_directory.path(), "size=64k");
     givenDump(kGuid);
@@ -290,6 +310,15 @@ TEST_F(LeftOversTest, ADiskWithoutAPlaceForAFileIsTold) {
     const test::SmallDisk disk(m_directory.path(), "nr_inodes=2"); // the directory's and the dump's
     givenDump(kGuid);
     EXPECT_EQ("The file " + pathOf(kGuid + ".params.tmp") +
+                  " could not be written: No space left on device. Make room on that disk.",
+              tidyAfter(11s).error);
+    EXPECT_THAT(names(), ElementsAre(kGuid + ".dmp"));
+}
+
+TEST_F(LeftOversTest, ADiskWithoutAPlaceForANameIsTold) {
+    const test::SmallDisk disk(m_directory.path(), "nr_inodes=3"); // it counts a file by its names
+    givenDump(kGuid);
+    EXPECT_EQ("The file " + pathOf(kGuid + ".params") +
                   " could not be written: No space left on device. Make room on that disk.",
               tidyAfter(11s).error);
     EXPECT_THAT(names(), ElementsAre(kGuid + ".dmp"));

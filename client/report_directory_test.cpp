@@ -1,6 +1,8 @@
 #include "client/report_directory.h"
 
 #include "common/platform_paths.h"
+#include "tests/support/covered_file.h"
+#include "tests/support/temporary_directory.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>
@@ -66,6 +68,18 @@ TEST_F(ReportDirectoryTest, AnOptionIsAsTheServersVariable) {
     }
     EXPECT_EQ("/else/vantor", storageDirectory("data"));
     EXPECT_EQ("/else/vantor", storageDirectory(""));
+}
+
+/// As in a container that runs as a number.
+TEST_F(ReportDirectoryTest, AUserWithoutANameHasTheRoot) {
+    const test::TemporaryDirectory directory;
+    test::writeFile(directory / "empty", "");
+    const test::CoveredFile no_users("/etc/passwd", directory / "empty");
+    const test::CoveredFile no_other_users("/etc/nsswitch.conf", directory / "empty");
+    m_data_home.set(nullptr);
+    m_home.set(nullptr);
+    EXPECT_EQ("/.local/share/vantor", storageDirectory(""));
+    EXPECT_EQ("/.local/share/vantor", platform_paths::localStoragePath());
 }
 
 TEST_F(ReportDirectoryTest, HoldsReportsAndRuns) {

@@ -3,6 +3,7 @@
 #include "client/crash_mark.h"
 #include "client/process_stat.h"
 #include "tests/support/eventually.h"
+#include "tests/support/no_descriptors.h"
 #include "tests/support/small_disk.h"
 #include "tests/support/temporary_directory.h"
 
@@ -153,6 +154,15 @@ TEST_F(RunMarkerTest, ANumberThatAnotherProcessHasNowIsGone) {
     EXPECT_THAT(names(), ElementsAre(running));
 }
 
+TEST_F(RunMarkerTest, ARunThatIsThereStaysBesideThoseThatAreGone) {
+    const pid_t parent = getppid();
+    givenMarker(m_gone, 5, "running\n"); // one before and one behind it, in whatever order they are read
+    const std::string running = givenMarker(parent, startOf(parent), "running\n");
+    givenMarker(m_gone, 6, "running\n");
+    expectLast(begin(), End::Vanished, "", 0);
+    EXPECT_THAT(names(), ElementsAre(running));
+}
+
 TEST_F(RunMarkerTest, AProgramThatIsExecutedAnewHasNotVanished) {
     givenMarker(getpid(), startOf(getpid()), "running\n");
     expectLast(begin(), End::NothingKnown, "", 0);
@@ -251,6 +261,17 @@ TEST_F(RunMarkerTest, ADirectoryThatCannotBeWrittenIsToldAndRead) {
               last.error);
     EXPECT_EQ(End::NothingKnown, last.end); // the next run would be told again
     EXPECT_FALSE(markCrashed(run.path().c_str(), kReport));
+}
+
+TEST_F(RunMarkerTest, AProcessWithoutDescriptorsIsTold) {
+    RunMarker run(m_runs, "app");
+    const std::string error = [&] {
+        const test::NoDescriptorsToBeHad none;
+        return run.begin(m_now).error;
+    }();
+    EXPECT_EQ("What becomes of this run cannot be noted in " + run.path() +
+                  ": Too many open files. Allow this process more descriptors (ulimit -n).",
+              error);
 }
 
 TEST_F(RunMarkerTest, AFullDiskDoesNotMatter) {

@@ -61,10 +61,11 @@ long arrangeDescriptors(int socket) {
 
 } // namespace
 
-LaunchedServer launchServer(const ServerProcess& server, int socket) {
+LaunchedServer launchServer(const ServerProcess& server, int socket, int32_t* launched) {
     Launch launch = {server, socket};
-    const long pid =
-        rawClone(CLONE_VM | CLONE_VFORK | SIGCHLD, server.stack_top, nullptr, becomeServer, &launch);
+    const long pid = rawClone(CLONE_VM | CLONE_VFORK | CLONE_PARENT_SETTID | SIGCHLD, server.stack_top,
+                              launched, becomeServer, &launch);
+    __atomic_store_n(launched, 0, __ATOMIC_RELEASE);
     return {pid, launch.error};
 }
 

@@ -27,6 +27,8 @@ struct LaunchedServer {
 ///
 /// To be called with all signals blocked and none caught. Returns once the program runs; the caller waits for
 /// the process's end in any case. No C library: any process may call that has this memory.
-LaunchedServer launchServer(const ServerProcess& server, int socket);
+/// `*launched` is the process's number until then, and 0 afterwards, for whoever has to end one that is
+/// stopped.
+LaunchedServer launchServer(const ServerProcess& server, int socket, int32_t* launched);
 
 } // namespace vantor::client

@@ -8,6 +8,7 @@
 #include "client/directory.h"
 #include "client/error_text.h"
 #include "client/left_overs.h"
+#include "client/own_report.h"
 #include "client/raw_time.h"
 #include "client/report_directory.h"
 #include "client/report_maker.h"
@@ -86,12 +87,23 @@ void fillContext(CrashContext& context, const siginfo_t& signal, const ucontext_
         std::memcpy(&context.floating_point, registers.uc_mcontext.fpregs, sizeof(context.floating_point));
 }
 
+/// Whether all rights of the process are those of one user and one group.
+bool isOneUser() {
+    uid_t users[3] = {};
+    gid_t groups[3] = {};
+    return getresuid(&users[0], &users[1], &users[2]) == 0 && users[0] == users[1] && users[1] == users[2] &&
+           getresgid(&groups[0], &groups[1], &groups[2]) == 0 && groups[0] == groups[1] &&
+           groups[1] == groups[2];
+}
+
 /// A process that has changed its user is not to be read by others, and so not by its server. It is the
-/// process itself that crashed, or that asks; somebody else's signal does not open it.
+/// process itself that crashed, or that asks; somebody else's signal does not open it. One that still has the
+/// rights of two users, as a set-user-id program, stays closed: opened, it would leave a core file with the
+/// rights of the one where the other likes.
 void permitReading(const siginfo_t& signal) {
     const bool is_own = signal.si_code > 0 || ((signal.si_code == SI_USER || signal.si_code == SI_TKILL) &&
                                                signal.si_pid == getpid());
-    if (is_own)
+    if (is_own && isOneUser())
         (void)prctl(PR_SET_DUMPABLE, 1);
 }
 
@@ -179,8 +191,7 @@ void Service::keepReports(const VantorCrashOptions& options) {
 
 LastRun Service::beginRun() {
     m_marker = std::make_unique<RunMarker>(runsDirectory(m_storage), executableName());
-    if (!copyPath(m_marker->path(), m_path->marker))
-        m_path->marker[0] = '\0';
+    (void)copyPath(m_marker->path(), m_path->marker); // stays empty where it is too long
     return m_marker->begin(now());
 }
 
@@ -284,12 +295,13 @@ VantorCrashStatus Service::dump(char* name) {
     ucontext_t context = {};
     (void)getcontext(&context); // cannot fail
     const bool is_made = report(signal, context);
+    const bool is_in_order = is_made || !isReportWanted(*m_path);
     if (is_made && name != nullptr)
         std::memcpy(name, m_path->report.name, kReportNameSize);
     reapCompanion(*m_path);
     giveBack();
     errno = saved_errno;
-    return is_made ? VANTOR_CRASH_OK : VANTOR_CRASH_NOT_WRITTEN;
+    return is_in_order ? VANTOR_CRASH_OK : VANTOR_CRASH_NOT_WRITTEN;
 }
 
 void Service::reportCrash(const siginfo_t& signal, const ucontext_t& context) {
@@ -305,9 +317,12 @@ void Service::reportCrash(const siginfo_t& signal, const ucontext_t& context) {
 
 bool Service::report(const siginfo_t& signal, const ucontext_t& context) {
     claimPath();
+    m_annotations->freeze();
+    if (!isReportWanted(*m_path)) // as the records stand while nobody changes them
+        return false;
+
     permitReading(signal);
     fillContext(m_path->context, signal, context);
-    m_annotations->freeze();
     m_annotations->dropFacts(); // of a report that crashed
     addFacts(*m_path, *m_annotations);
     return makeReport(*m_path);
@@ -329,7 +344,7 @@ void Service::claimPath() {
     const int64_t limit = rawTime(CLOCK_MONOTONIC) + kMostDeadlines * m_path->deadline;
     uint64_t owner = m_path_owner.load();
     while (true) {
-        const bool is_free = owner == 0 || owner == self || owner >> 32 != process;
+        const bool is_free = owner == self || owner >> 32 != process; // 0, nobody, is no process's
         if ((is_free || rawTime(CLOCK_MONOTONIC) > limit) && m_path_owner.compare_exchange_weak(owner, self))
             return;
         if (!is_free) {

@@ -59,7 +59,7 @@ private:
     std::unique_ptr<RunMarker> m_marker;
     VantorCrashLastRun m_last_run = {VANTOR_CRASH_ENDED, ""};
     unsigned m_dropped = 0;
-    bool m_is_crash_loop = false;      ///< reports are deleted, whatever the consent
+    bool m_is_crash_loop = false;      ///< no reports are made, whatever the consent
     Service* m_ended_before = nullptr; ///< keeps what was stopped known to leak checkers
 };
 

@@ -10,7 +10,7 @@ set(version_script ${CMAKE_CURRENT_BINARY_DIR}/exported_calls.map)
 file(CONFIGURE OUTPUT ${version_script} CONTENT "{ global: @shipped_calls@; local: *; };\n" @ONLY)
 target_link_libraries(vantor_crash_client_shared PRIVATE vantor_flags Breakpad::client)
 target_link_options(vantor_crash_client_shared PRIVATE
-  LINKER:--version-script=${version_script} LINKER:-z,nodelete LINKER:-z,now LINKER:-z,relro)
+  LINKER:--version-script=${version_script} LINKER:-z,nodelete ${vantor_hardened_link})
 set_target_properties(vantor_crash_client_shared PROPERTIES
   OUTPUT_NAME vantor_crash_client SOVERSION 0 EXPORT_NAME client_shared LINK_DEPENDS ${version_script})
 

@@ -91,7 +91,7 @@ typedef struct VantorCrashOptions {
      * in an hour, reports are deleted in place of sent. 0: no limit; 30. */
     unsigned most_crashes_per_hour;
 
-    /* 0: reports are deleted until vantor_crash_set_consent() says otherwise; 1. */
+    /* 0: no reports are made until vantor_crash_set_consent() says otherwise; 1. */
     int consent;
 } VantorCrashOptions;
 
@@ -119,8 +119,8 @@ VANTOR_CRASH_API VantorCrashStatus vantor_crash_clear(const char* name);
 /* Adds a line of a log. The last `log_lines` of them go with a report. */
 VANTOR_CRASH_API VantorCrashStatus vantor_crash_log(const char* line);
 
-/* Without consent, the reports of crashes from now on are deleted as soon as they were made: nothing is kept,
- * and nothing is sent. Reports that wait from before stay and are sent. */
+/* Without consent, no reports are made from now on: nothing is written, and nothing is sent. Reports that
+ * wait from before stay and are sent. */
 VANTOR_CRASH_API VantorCrashStatus vantor_crash_set_consent(int consent);
 
 /* Lets the calling thread report an overflow of its stack: it gets another one for signals, until it ends.
@@ -130,7 +130,8 @@ VANTOR_CRASH_API VantorCrashStatus vantor_crash_guard_thread(void);
 #define VANTOR_CRASH_REPORT_SIZE 37 /* the 36 characters of a report's name, and a NUL */
 
 /* Makes a report of this moment, as of a crash, and goes on. Takes milliseconds, in which the whole process
- * is stopped. `report`, if not NULL, gets VANTOR_CRASH_REPORT_SIZE bytes: the report's name. */
+ * is stopped. `report`, if not NULL, gets VANTOR_CRASH_REPORT_SIZE bytes: the report's name, or "" where
+ * there is none: the user does not consent, or the status says what went wrong. */
 VANTOR_CRASH_API VantorCrashStatus vantor_crash_dump(char* report);
 
 typedef enum VantorCrashCondition {
