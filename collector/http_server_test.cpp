@@ -219,6 +219,31 @@ std::string startError(const HttpServer::Options& options) {
     }
 }
 
+/// Whether a client that takes anything comes to terms with the server.
+bool agrees(const HttpServer& server, int version, const char* ciphers) {
+    using namespace vantor::test;
+    const TcpClient connection(server.port());
+    const OpensslContext context(SSL_CTX_new(TLS_client_method()));
+    SSL_CTX_set_security_level(context.get(), 0);
+    requireOpenssl(SSL_CTX_set_cipher_list(context.get(), ciphers) == 1 &&
+                       SSL_CTX_set_min_proto_version(context.get(), version) == 1 &&
+                       SSL_CTX_set_max_proto_version(context.get(), version) == 1,
+                   "prepare a client");
+    const OpensslConnection tls(SSL_new(context.get()));
+    requireOpenssl(tls && SSL_set_fd(tls.get(), connection.socket()) == 1, "connect");
+    return SSL_connect(tls.get()) == 1;
+}
+
+TEST_F(HttpServerTest, SpeaksTheTlsOfToday) {
+    const auto server = serve(options());
+    EXPECT_TRUE(agrees(*server, TLS1_3_VERSION, "ALL:@SECLEVEL=0"));
+    EXPECT_TRUE(agrees(*server, TLS1_2_VERSION, "ALL:@SECLEVEL=0"));
+    EXPECT_FALSE(agrees(*server, TLS1_1_VERSION, "ALL:@SECLEVEL=0"));
+    EXPECT_FALSE(agrees(*server, TLS1_VERSION, "ALL:@SECLEVEL=0"));
+    EXPECT_FALSE(agrees(*server, TLS1_2_VERSION, "aNULL:@SECLEVEL=0"));
+    EXPECT_FALSE(agrees(*server, TLS1_2_VERSION, "eNULL:@SECLEVEL=0"));
+}
+
 TEST_F(HttpServerTest, SaysWhyItCannotStart) {
     const auto server = serve(options());
     HttpServer::Options wrong = options();

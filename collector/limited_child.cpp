@@ -1,5 +1,6 @@
 #include "collector/limited_child.h"
 
+#include "collector/shadow_memory.h"
 #include "common/strings.h"
 
 #include <algorithm>
@@ -17,14 +18,6 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <utility>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define VANTOR_HAS_SHADOW_MEMORY 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define VANTOR_HAS_SHADOW_MEMORY 1
-#endif
-#endif
 
 namespace vantor::collector {
 

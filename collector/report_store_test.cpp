@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <latch>
+#include <sys/stat.h>
 #include <thread>
 
 namespace vantor::collector {
@@ -74,6 +75,27 @@ TEST_F(ReportStoreTest, StoresAReportAsAPairOfFiles) {
                 ElementsAre("reports/01/23/" + kName + ".dmp", "reports/01/23/" + kName + ".params"));
     EXPECT_EQ(test::readFile(file(".dmp")), "MDMP");
     EXPECT_EQ(test::readFile(file(".params")), "b\n 2\t\nguid\n" + kName + "\n");
+}
+
+TEST_F(ReportStoreTest, WhatItMakesIsTheOwnersAloneWhateverTheMask) {
+    const mode_t mask = umask(0);
+    const std::string data = m_directory / "data";
+    ReportStore store(data, 0);
+    EXPECT_EQ(store.recover(), std::nullopt);
+    const auto dump = store.newIncomingFile();
+    EXPECT_TRUE(dump->write("MDMP"));
+    EXPECT_EQ(store.commit(kName, *dump, {{"a", "1"}}), std::nullopt);
+    EXPECT_TRUE(store.storeStack(kName, "text\n", {{"a", "1"}}));
+    (void)umask(mask);
+
+    size_t files = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(data)) {
+        const auto mode = static_cast<unsigned>(entry.status().permissions());
+        EXPECT_EQ(mode, entry.is_directory() ? 0700U : 0600U) << entry.path();
+        files += entry.is_regular_file() ? 1U : 0U;
+    }
+    EXPECT_EQ(files, 3U);
+    EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(data).permissions()), 0700U);
 }
 
 TEST_F(ReportStoreTest, FindsAReportAndItsState) {

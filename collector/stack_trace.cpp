@@ -179,20 +179,9 @@ private:
 };
 
 std::string failureText(google_breakpad::ProcessResult result) {
-    switch (result) {
-    case google_breakpad::PROCESS_ERROR_NO_MINIDUMP_HEADER:
-        return failedWalkText("the dump has no header that can be read.");
-    case google_breakpad::PROCESS_ERROR_NO_THREAD_LIST:
+    if (result == google_breakpad::PROCESS_ERROR_NO_THREAD_LIST)
         return failedWalkText("the dump has no list of threads that can be read.");
-    case google_breakpad::PROCESS_ERROR_GETTING_THREAD:
-    case google_breakpad::PROCESS_ERROR_GETTING_THREAD_ID:
-    case google_breakpad::PROCESS_ERROR_GETTING_THREAD_NAME:
-        return failedWalkText("a thread in the dump cannot be read.");
-    case google_breakpad::PROCESS_ERROR_DUPLICATE_REQUESTING_THREADS:
-        return failedWalkText("the dump has its crashing thread twice.");
-    default:
-        return failedWalkText("the dump cannot be processed (" + std::to_string(result) + ").");
-    }
+    return failedWalkText("the dump cannot be processed (" + std::to_string(result) + ").");
 }
 
 std::string Walk::textOf(std::istream& dump) {

@@ -144,6 +144,17 @@ TEST_F(StackTraceTest, EscapesWhatComesFromSymbols) {
     EXPECT_THAT(trace(), AllOf(HasSubstr("::\\x1b[31mInKnownLine"), Not(HasSubstr("\x1b"))));
 }
 
+TEST_F(StackTraceTest, ShortensLongNames) {
+    const size_t function = s_symbols->find("crashInKnownLine()");
+    ASSERT_NE(function, std::string::npos);
+    std::string symbols = *s_symbols;
+    givenSymbols(symbols.replace(function, 18, std::string(2000, 'f')));
+    const std::string scope = "vantor::test::";
+    EXPECT_THAT(trace(),
+                ContainsRegex("\nCrashed in: " + scope + "f+\\.\\.\\. \\(dump_maker.cpp:[0-9]+\\)\n"));
+    EXPECT_THAT(trace(), HasSubstr("!" + scope + std::string(1024 - scope.size(), 'f') + "... ["));
+}
+
 TEST_F(StackTraceTest, SaysWhyADumpCannotBeWalked) {
     std::istringstream empty;
     EXPECT_EQ(stackTrace(empty, m_store), "Walk failed: the file is no minidump, or not a whole one.\n");

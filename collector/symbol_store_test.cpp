@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 #include <thread>
 
 namespace vantor::collector {
@@ -52,6 +53,19 @@ TEST_F(SymbolStoreTest, PutsASymbolFileWhereItsFirstLineSays) {
     EXPECT_EQ(readFile(place(".sym")), kSymbols);
     EXPECT_THAT(namesInPlace(), ElementsAre("app.sym"));
     EXPECT_EQ(readFile(m_directory / "arrived"), kSymbols);
+}
+
+TEST_F(SymbolStoreTest, WhatItMakesIsTheOwnersAloneWhateverTheMask) {
+    const mode_t mask = umask(0);
+    givenSymbols();
+    EXPECT_EQ(serialise(), Serialised::Made);
+    (void)umask(mask);
+    for (const std::string& path :
+         {m_directory / "symbols", m_directory / "symbols/app", m_directory / "symbols/app/AB0"})
+        EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(path).permissions()), 0700U) << path;
+    for (const char* extension : {".sym", ".fast"})
+        EXPECT_EQ(static_cast<unsigned>(std::filesystem::status(place(extension)).permissions()), 0600U)
+            << extension;
 }
 
 TEST_F(SymbolStoreTest, ReplacesASymbolFile) {

@@ -1,5 +1,7 @@
 #include "collector/walk_child.h"
 
+#include "collector/sandbox.h"
+#include "collector/shadow_memory.h"
 #include "collector/stack_text.h"
 #include "collector/stack_trace.h"
 #include "collector/symbol_store.h"
@@ -134,6 +136,9 @@ bool isWalkChild(int argc, char** argv) {
 void runWalkChild(int argc, char** argv) {
     const std::vector<std::string> command = enterLimits(argc, argv);
     silenceBreakpad();
+#if !defined(VANTOR_HAS_SHADOW_MEMORY) // a sanitizer needs calls of its own
+    enterSandbox({command.begin() + 1, command.end()});
+#endif
     if (command[0] == kWalk && command.size() == 3)
         _exit(walkInChild(command[1], command[2]));
     if (command[0] == kSerialise && command.size() == 2)
