@@ -2,6 +2,7 @@
 
 #include "tests/support/eventually.h"
 #include "tests/support/namespaces.h"
+#include "tests/support/pipe.h"
 
 #include <algorithm>
 #include <array>
@@ -20,18 +21,6 @@ namespace vantor::test {
 namespace {
 
 constexpr int kAnswerLimitMilliseconds = 30'000;
-
-struct Pipe {
-    Pipe() {
-        std::array<int, 2> ends = {-1, -1};
-        if (pipe2(ends.data(), O_CLOEXEC) != 0)
-            abort(); // nothing can be tested
-        reading = Descriptor(ends[0]);
-        writing = Descriptor(ends[1]);
-    }
-    Descriptor reading;
-    Descriptor writing;
-};
 
 pid_t startApplication(const char* program, int standard_input, int standard_output, int standard_error) {
     posix_spawn_file_actions_t actions;

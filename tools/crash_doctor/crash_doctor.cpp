@@ -91,7 +91,8 @@ bool findOutWhy(const TestReport& report, const TestCrash& crash, std::chrono::s
     }
     const std::optional<HttpUploader::UploadResponse> response = report.sendAgain(patience);
     if (!response)
-        say({Level::Fail, "report", "the crash server has deleted it. Its words below say why."});
+        say({Level::Fail, "report",
+             "it has gone: another crash server has sent it, or somebody has deleted it."});
     else if (response->error != 0)
         say(explainFailure(*response));
     else

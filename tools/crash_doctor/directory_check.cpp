@@ -78,7 +78,7 @@ Finding checkOwner(const std::string& directory) {
 
 Findings checkDirectory(const std::string& directory) {
     errno = 0;
-    if (!File::recursivelyCreateDir(directory, 0777))
+    if (!File::recursivelyCreateDir(directory, 0700))
         return {refusal(Level::Fail, directory + " does not exist and cannot be made", errno)};
     const Written written = tryToWrite(directory + "/.crash_doctor." + std::to_string(getpid()));
     if (written.error != 0)

@@ -50,6 +50,10 @@ Finding checkYama() {
 } // namespace
 
 Findings checkProcess() {
+    if (access("/proc/self/status", R_OK) != 0)
+        return {{Level::Fail, "process",
+                 "/proc cannot be read: " + errorText(errno) +
+                     ". So nobody can read a crashed process: mount it."}};
     return {checkRights(), checkDebugger(), checkYama()};
 }
 

@@ -131,6 +131,9 @@ std::string adviceFor(int outcome) {
     case ENFILE:
         return "Close what uses them, or raise fs.inotify.max_user_instances (now " +
                firstLine("/proc/sys/fs/inotify/max_user_instances") + ") and the limit of descriptors.";
+    case EAGAIN:
+    case ENOMEM:
+        return "Raise the limit (ulimit -u, or pids.max of the container), or close other programs.";
     case ENOSYS:
         return "Allow it in the sandbox; Linux has it since 5.9 at the latest.";
     default:
@@ -149,8 +152,8 @@ Finding checkProcesses() {
     if (outcome == 0)
         return {Level::Ok, "processes", "8 more can be made"};
     return {Level::Fail, "processes",
-            "8 more cannot be made: " + (outcome == kKilled ? "killed" : errorText(outcome)) +
-                ". Raise the limit (ulimit -u, or pids.max of the container), or close other programs."};
+            "8 more cannot be made: " + (outcome == kKilled ? "killed" : errorText(outcome)) + ". " +
+                adviceFor(outcome)};
 }
 
 } // namespace
@@ -165,7 +168,7 @@ Findings trySystemCalls() {
         else
             findings.push_back(refused(trial, outcome));
     }
-    const std::string mode = ownStatus("Seccomp") == "0" ? "no seccomp filter" : "a seccomp filter";
+    const std::string mode = ownStatus("Seccomp") == "2" ? "a seccomp filter" : "no seccomp filter";
     findings.insert(findings.begin(),
                     {Level::Ok, "system calls", mode + ", allowed: " + (allowed.empty() ? "none" : allowed)});
     findings.push_back(checkProcesses());

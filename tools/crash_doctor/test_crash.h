@@ -41,8 +41,8 @@ public:
 
     /// All that was said so far.
     const std::string& words() const;
-    /// Waits until more is said, but no longer than this. Returns at once when there is nobody left to say
-    /// anything.
+    /// Waits until more is said, but no longer than this, and takes all that was said. Returns at once when
+    /// there is nobody left to say anything.
     void awaitWords(std::chrono::milliseconds patience);
     bool haveWordsEnded() const;
 

@@ -3,6 +3,7 @@
 #include "common/file.h"
 #include "common/strings.h"
 
+#include <fcntl.h>
 #include <future>
 #include <map>
 #include <memory>
@@ -56,7 +57,10 @@ TestReport::TestReport(TestCrash& crash, const std::string& directory) : m_crash
     if (!dump.empty()) {
         m_writer = Writer::Server;
         m_stem = File::stripExtension(dump);
-        return;
+        if (isThere(std::chrono::milliseconds(0)) || !link().empty())
+            return;
+        // The server has deleted it, for want of parameters. The process has written its own by now.
+        m_writer = Writer::Nobody;
     }
     m_stem = findMarked(directory, "params", crash.mark());
     if (!m_stem.empty())
@@ -75,6 +79,13 @@ std::string TestReport::link() const {
     return m_crash.words().substr(line, at + end.size() - 1 - line);
 }
 
+bool TestReport::isThere(std::chrono::milliseconds patience) {
+    // One that arrived is deleted after its link was printed: look in the other order.
+    const bool is_there = faccessat(AT_FDCWD, dumpPath().c_str(), F_OK, AT_EACCESS) == 0;
+    m_crash.awaitWords(is_there ? patience : std::chrono::milliseconds(0));
+    return is_there;
+}
+
 bool TestReport::isGivenUp() const {
     return m_crash.haveWordsEnded() ||
            m_crash.words().find("Failed to upload " + dumpPath() + " to the server\n") != std::string::npos;
@@ -86,10 +97,7 @@ std::string TestReport::awaitLink(std::chrono::seconds patience) {
         return ""; // the next start sends what the process wrote
     const auto limit = Clock::now() + patience;
     while (true) {
-        // One that arrived is deleted after its link was printed: look in the other order.
-        const bool is_there = access(dumpPath().c_str(), F_OK) == 0;
-        m_crash.awaitWords(is_there ? kLookAgain : std::chrono::milliseconds(0));
-        if (!link().empty() || !is_there || isGivenUp() || Clock::now() > limit)
+        if (!isThere(kLookAgain) || !link().empty() || isGivenUp() || Clock::now() > limit)
             return link();
     }
 }

@@ -33,6 +33,9 @@ private:
     std::string dumpPath() const { return m_stem + ".dmp"; }
     std::string paramsPath() const { return m_stem + ".params"; }
     std::string link() const;
+    /// Whether the dump is there. Afterwards words() holds the link of one that has gone because it arrived;
+    /// while the dump is there, waits for more words, but no longer than `patience`.
+    bool isThere(std::chrono::milliseconds patience);
     bool isGivenUp() const;
 
     TestCrash& m_crash;
