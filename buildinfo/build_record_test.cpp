@@ -1,78 +1,16 @@
 // The build record as tools find it: in the files of the linked and of the stripped server.
 
+#include "tests/support/executable.h"
 #include "tests/support/programs.h"
 #include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <elf.h>
 #include <gmock/gmock.h>
-#include <optional>
 #include <string>
-#include <vector>
 
 namespace vantor::test {
 namespace {
-
-/// An ELF file, as far as this test looks into it.
-class Executable {
-public:
-    explicit Executable(const std::string& path) : m_content(readFile(path)) {}
-
-    std::optional<Elf64_Shdr> section(const std::string& name) const {
-        const auto sections = table<Elf64_Shdr>(header().e_shoff, header().e_shnum);
-        const Elf64_Shdr names = sections.at(header().e_shstrndx);
-        for (const Elf64_Shdr& section : sections) {
-            if (name == m_content.c_str() + names.sh_offset + section.sh_name)
-                return section;
-        }
-        return std::nullopt;
-    }
-
-    std::string contentOf(const Elf64_Shdr& section) const {
-        return m_content.substr(section.sh_offset, section.sh_size);
-    }
-
-    std::vector<Elf64_Phdr> segments() const { return table<Elf64_Phdr>(header().e_phoff, header().e_phnum); }
-
-    /// The address of a symbol that the executable exports.
-    std::optional<uint64_t> exported(const std::string& name) const {
-        const Elf64_Shdr symbols = section(".dynsym").value();
-        const std::string names = contentOf(section(".dynstr").value());
-        for (const Elf64_Sym& symbol :
-             table<Elf64_Sym>(symbols.sh_offset, symbols.sh_size / sizeof(Elf64_Sym))) {
-            if (symbol.st_shndx != SHN_UNDEF && name == names.c_str() + symbol.st_name)
-                return symbol.st_value;
-        }
-        return std::nullopt;
-    }
-
-    /// The libraries that are loaded with the executable.
-    std::vector<std::string> neededLibraries() const {
-        const Elf64_Shdr dynamic = section(".dynamic").value();
-        const std::string names = contentOf(section(".dynstr").value());
-        std::vector<std::string> libraries;
-        for (const Elf64_Dyn& entry :
-             table<Elf64_Dyn>(dynamic.sh_offset, dynamic.sh_size / sizeof(Elf64_Dyn))) {
-            if (entry.d_tag == DT_NEEDED)
-                libraries.push_back(names.c_str() + entry.d_un.d_val);
-        }
-        return libraries;
-    }
-
-private:
-    Elf64_Ehdr header() const { return table<Elf64_Ehdr>(0, 1).at(0); }
-
-    template <typename Entry>
-    std::vector<Entry> table(uint64_t offset, size_t count) const {
-        std::vector<Entry> entries(count);
-        std::memcpy(entries.data(), m_content.data() + offset, count * sizeof(Entry));
-        return entries;
-    }
-
-    const std::string m_content;
-};
 
 void expectBuildRecord(const Executable& server) {
     const auto record = server.section("bldinfo");

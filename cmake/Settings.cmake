@@ -13,10 +13,17 @@ set(VANTOR_BUILT_ON "" CACHE STRING "Build machine in the build record; empty: t
 set(VANTOR_BREAKPAD_DIR "" CACHE PATH
     "A folder with Breakpad's sources (breakpad/ and third_party/lss/ below it); empty: the pinned npm package")
 set(VANTOR_SANITIZE "" CACHE STRING "Sanitizers for our own code, for instance address,undefined or thread")
-option(VANTOR_FAST_DUMPS "Replace the function of Breakpad's dumper that reads a client's memory word by word" ON)
+option(VANTOR_COVERAGE "Count the lines and branches of our own code that are reached; needs GCC" OFF)
+option(VANTOR_FAST_DUMPS "Replace the functions of Breakpad's dumper that read and write word by word" ON)
 option(VANTOR_BUILD_TESTS "Build the tests and what they run" ON)
 option(VANTOR_BUILD_FUZZERS "Build the fuzz targets: with Clang, and fuzzer-no-link among VANTOR_SANITIZE" OFF)
 option(VANTOR_BUILD_BENCHMARKS "Build the benchmarks and their yardsticks" OFF)
+
+# Tests of the very programs that ship have nothing to show in other builds.
+set(vantor_is_as_shipped ON)
+if(VANTOR_SANITIZE OR VANTOR_COVERAGE)
+  set(vantor_is_as_shipped OFF)
+endif()
 
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Kind of build" FORCE)
