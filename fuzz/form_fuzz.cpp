@@ -2,6 +2,7 @@
 // never given more than the limits.
 
 #include "collector/form_reader.h"
+#include "fuzz/require.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -15,11 +16,6 @@ namespace {
 constexpr FormLimits kLimits = {
     .body_bytes = 600, .file_bytes = 40, .fields = 3, .field_bytes = 40, .name_bytes = 12, .value_bytes = 24};
 constexpr size_t kSizes = 4;
-
-void require(bool condition) {
-    if (!condition)
-        abort();
-}
 
 class CheckedSink final : public FormSink {
 public:

@@ -1,6 +1,7 @@
 // Of a dump that passes the check, every stream can be read to its last byte.
 
 #include "collector/minidump_check.h"
+#include "fuzz/require.h"
 #include "google_breakpad/common/minidump_format.h"
 
 #include <cstdlib>
@@ -11,11 +12,6 @@
 using namespace vantor::collector;
 
 namespace {
-
-void require(bool condition) {
-    if (!condition)
-        abort();
-}
 
 /// Reads the streams where AddressSanitizer sees it when one is not there.
 void readStreams(const uint8_t* data) {

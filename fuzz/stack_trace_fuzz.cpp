@@ -2,6 +2,8 @@
 
 #include "collector/stack_text.h"
 #include "collector/stack_trace.h"
+#include "fuzz/require.h"
+#include "fuzz/stack_text_rules.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -11,16 +13,9 @@
 
 namespace {
 
-using vantor::collector::missingModulesOf;
-using vantor::collector::StackSummary;
 using vantor::collector::SymbolStore;
 
 constexpr size_t kMostBytes = 256 * 1024;
-
-void require(bool condition) {
-    if (!condition)
-        abort();
-}
 
 std::string traceOf(std::istream& dump) {
     static const SymbolStore kNoSymbols("/nonexistent");
@@ -42,14 +37,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool is_silent = (vantor::collector::silenceBreakpad(), true);
     require(is_silent);
     std::istringstream dump(std::string(reinterpret_cast<const char*>(data), size));
-    const std::string text = traceOf(dump);
-
-    for (const char c : text)
-        require(c == '\n' || (static_cast<unsigned char>(c) >= 0x20 && c != 0x7f));
-    const StackSummary summary = vantor::collector::summaryOf(text);
-    require(summary.failure.empty() != summary.crash_reason.empty());
-    require(summary.crash_reason.empty() == summary.crashed_in.empty());
-    for (const auto& module : missingModulesOf(text))
-        require(isValid(module));
+    requireStackText(traceOf(dump));
     return 0;
 }
