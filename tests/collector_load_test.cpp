@@ -1,6 +1,7 @@
 #include "collector/pages.h"
 #include "tests/support/collector_process.h"
 #include "tests/support/eventually.h"
+#include "tests/support/process_resources.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/support/tls_client.h"
 
@@ -10,7 +11,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <gmock/gmock.h>
 #include <memory>
 #include <random>
@@ -48,17 +48,6 @@ protected:
         const std::string name = nameOf(number);
         return readFile(m_directory / ("collector/reports/" + name.substr(0, 2) + "/" + name.substr(2, 2) +
                                        "/" + name + ".dmp"));
-    }
-
-    /// What the collector holds in memory that is nobody else's.
-    static uint64_t privateKilobytes(pid_t pid) {
-        std::ifstream file("/proc/" + std::to_string(pid) + "/smaps_rollup");
-        uint64_t sum = 0;
-        for (std::string line; std::getline(file, line);) {
-            if (line.starts_with("Private_"))
-                sum += std::stoull(line.substr(line.find(':') + 1));
-        }
-        return sum;
     }
 
     TemporaryDirectory m_directory;
@@ -115,7 +104,7 @@ TEST_F(CollectorLoadTest, SlowConnectionsCostTheOthersNothing) {
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &descriptors));
     const auto collector = startCollector({"--connections-per-address", "4096"}); // the test has one address
     EXPECT_EQ(200, collector->sendReport({}, nameOf(0), dumpOf(0)));
-    const uint64_t before = privateKilobytes(collector->pid());
+    const uint64_t before = resourcesOf(collector->pid()).private_kilobytes;
 
     const std::string request = reportRequest(reportForm({{"a", "1"}}, nameOf(1) + ".dmp", dumpOf(1)));
     std::vector<std::unique_ptr<TlsClient>> slow;
@@ -125,7 +114,7 @@ TEST_F(CollectorLoadTest, SlowConnectionsCostTheOthersNothing) {
         ASSERT_TRUE(slow.back()->send(
             request.substr(0, 250 + static_cast<size_t>(i) % 500))); // in the middle of the form
     }
-    const uint64_t during = privateKilobytes(collector->pid());
+    const uint64_t during = resourcesOf(collector->pid()).private_kilobytes;
     EXPECT_LT((during - before) / kSlow, 200U) << "KB for each connection";
     for (int i = 2; i < 20; ++i)
         EXPECT_EQ(200, collector->sendReport({}, nameOf(i), dumpOf(i)));
