@@ -2,9 +2,12 @@
 // crashes.
 
 #include "tests/support/client_test.h"
+#include "tests/support/descriptor.h"
+#include "tests/support/small_disk.h"
 
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <regex>
 #include <set>
@@ -17,7 +20,9 @@ namespace {
 
 using testing::AnyOf;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 
 using Parameters = std::map<std::string, std::string>;
@@ -216,12 +221,13 @@ TEST_F(ClientCrashesTest, NoAnnotationIsTornInTheProcesssOwnReport) {
 
 // Consent.
 
-TEST_F(ClientCrashesTest, WithoutConsentTheServerLeavesNothing) {
+TEST_F(ClientCrashesTest, WithoutConsentTheServerIsNotAsked) {
     start();
     EXPECT_EQ("0", tell("consent no"));
     EXPECT_EQ("signal 11", m_application->crash("main-thread"));
     expectNobodyIsLeft();
     EXPECT_THAT(crashFiles(), IsEmpty());
+    EXPECT_THAT(words(), Not(HasSubstr("Crash!")));
 }
 
 TEST_F(ClientCrashesTest, WithoutConsentTheProcessLeavesNothing) {
@@ -239,6 +245,22 @@ TEST_F(ClientCrashesTest, WithoutConsentAServerThatHangsLeavesNothing) {
     EXPECT_EQ("signal 11", m_application->crash("main-thread"));
     expectNobodyIsLeft();
     EXPECT_THAT(crashFiles(), IsEmpty());
+}
+
+// The server throws a dump away that gets no parameters. The process's own waits for them.
+
+TEST_F(ClientCrashesTest, ADumpThatTheServerThrowsAwayIsMadeAgain) {
+    const SmallDisk disk(crashDirectory(), "nr_inodes=2"); // the directory's and the dump's
+    start();
+    EXPECT_EQ("signal 11", m_application->crash("main-thread"));
+    expectNobodyIsLeft();
+    EXPECT_THAT(words(), HasSubstr("Failed to open either dump or params file!"));
+    const std::vector<std::string> files = crashFiles();
+    ASSERT_THAT(files, ElementsAre(testing::EndsWith(".dmp")));
+    const Descriptor dump(open(pathOf(files[0]).c_str(), O_RDONLY | O_CLOEXEC));
+    client::MinidumpCrash crash = {};
+    EXPECT_EQ(client::MinidumpState::Whole, client::readMinidump(dump.get(), &crash));
+    EXPECT_EQ(uint32_t(SIGSEGV), crash.signal);
 }
 
 // Who may read the process. Yama is not in every kernel, but the call can be seen: strace shows it, and keeps

@@ -1,4 +1,5 @@
 #include "collector/pages.h"
+#include "tests/support/child_process.h"
 #include "tests/support/collector_process.h"
 #include "tests/support/covered_file.h"
 #include "tests/support/crash_server_test.h"
@@ -348,6 +349,81 @@ TEST_F(CollectorTest, WalksAtItsNextStartWhatItHadNot) {
 
     collector = startCollector();
     EXPECT_THAT(collector->stackTrace(kStem), HasSubstr("Walk failed: "));
+}
+
+/// A start with files that the test chooses.
+class CollectorStartTest : public CollectorTest {
+protected:
+    static std::string walker() {
+        return std::filesystem::path(kCrashCollector).parent_path() / "crash_walker";
+    }
+    /// What it says, on whichever output, and how it ends.
+    static std::string complaintWith(const std::string& certificate, const std::string& key,
+                                     const std::string& symbol_key, const std::string& data) {
+        ChildProcess collector({"sh", "-c", R"(exec "$@" 2>&1)", "sh", kCrashCollector, "--listen",
+                                "127.0.0.1:0", "--certificate", certificate, "--key", key, "--symbol-key",
+                                symbol_key, "--data", data});
+        const std::string words = collector.readToEnd();
+        EXPECT_EQ(1, collector.wait());
+        return words;
+    }
+
+    const CertificateFiles m_files = m_authority.issue("collector");
+    const std::string m_symbol_key = m_directory / "symbol.key";
+    const std::string m_data = m_directory / "data";
+};
+
+TEST_F(CollectorStartTest, SaysWhichFileCannotBeRead) {
+    writeFile(m_symbol_key, "key\n");
+    const std::string nothing = m_directory / "nothing";
+    const std::string sentence =
+        "crash_collector: " + nothing + " cannot be read: No such file or directory\n";
+    EXPECT_EQ(sentence, complaintWith(nothing, m_files.key, m_symbol_key, m_data));
+    EXPECT_EQ(sentence, complaintWith(m_files.certificate, nothing, m_symbol_key, m_data));
+    EXPECT_EQ(sentence, complaintWith(m_files.certificate, m_files.key, nothing, m_data));
+    EXPECT_EQ("crash_collector: " + m_directory.path() + " cannot be read: it is empty, or no file\n",
+              complaintWith(m_files.certificate, m_files.key, m_directory.path(), m_data));
+}
+
+TEST_F(CollectorStartTest, WantsAKeyInTheFirstLine) {
+    writeFile(m_symbol_key, "\nkey\n");
+    EXPECT_EQ("crash_collector: " + m_symbol_key + " does not begin with a line that is a key\n",
+              complaintWith(m_files.certificate, m_files.key, m_symbol_key, m_data));
+}
+
+TEST_F(CollectorStartTest, SaysThatItsDirectoryCannotBeUsed) {
+    writeFile(m_symbol_key, "key\n");
+    writeFile(m_data, "a file");
+    EXPECT_EQ("crash_collector: The data directory " + m_data + " cannot be used: File exists.\n",
+              complaintWith(m_files.certificate, m_files.key, m_symbol_key, m_data));
+    EXPECT_EQ("a file", readFile(m_data));
+}
+
+TEST_F(CollectorStartTest, SaysThatItsWalkerIsMissing) {
+    writeFile(m_symbol_key, "key\n");
+    const CoveredFile no_program(walker(), "/dev/null");
+    EXPECT_EQ("crash_collector: " + walker() +
+                  " cannot be run: Permission denied; it belongs beside crash_collector\n",
+              complaintWith(m_files.certificate, m_files.key, m_symbol_key, m_data));
+}
+
+TEST_F(CollectorStartTest, ItsWalkerIsNotForPeople) {
+    ChildProcess person({walker(), "a.dmp"}, ChildProcess::Capture::OutputAndErrors);
+    EXPECT_EQ("crash_walker is started by crash_collector alone.\n", person.readToEnd());
+    EXPECT_EQ(2, person.wait());
+}
+
+TEST_F(CollectorStartTest, ListensOnAnAddressOfVersion6) {
+    ChildProcess collector({kCrashCollector, "--listen", "[::1]:8443", "--certificate", m_files.certificate,
+                            "--key", m_files.key, "--data", m_data});
+    EXPECT_EQ("Listening on https://[::1]:8443/", collector.readLine());
+    ChildProcess curl({"curl", "--silent", "--cacert", m_authority.certificateFile(), "--resolve",
+                       "localhost:8443:[::1]", "--form", "symbol_file=@" + m_files.key,
+                       "https://localhost:8443/api/1/upload_symbols/?key="});
+    EXPECT_EQ("This collector takes no symbols: it was started without --symbol-key.\n", curl.readToEnd());
+    EXPECT_EQ(0, curl.wait());
+    collector.sendSignal(SIGTERM);
+    EXPECT_EQ(0, collector.wait());
 }
 
 /// The whole road: a crash, its server, the collector.

@@ -139,7 +139,7 @@ TEST_F(LifecycleTest, NoticesTheParentsDeathWhenItsSignalIsIgnored) {
 }
 
 TEST_F(LifecycleTest, ServesACrashWhileLeftOversStall) {
-    constexpr int kLeftOvers = 6; // one for each connection
+    constexpr int kLeftOvers = 8; // one for each connection
     for (int i = 0; i < kLeftOvers; ++i)
         leavePair(std::to_string(i) + kStem.substr(1), "product\nleft over\n");
     std::promise<void> release;

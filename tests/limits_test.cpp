@@ -3,7 +3,6 @@
 #include "tests/support/messages.h"
 #include "tests/support/small_disk.h"
 
-#include <algorithm>
 #include <fcntl.h>
 #include <future>
 #include <unistd.h>
@@ -26,12 +25,6 @@ protected:
     void leaveManyPairs() {
         for (int i = 0; i < kPairs; ++i)
             leavePair(kStem.substr(0, 32) + std::to_string(1000 + i), "a\n1\n");
-    }
-
-    size_t countOfLines(const std::string& start) const {
-        const std::vector<std::string> all = lines();
-        return static_cast<size_t>(std::count_if(
-            all.begin(), all.end(), [&](const std::string& line) { return line.starts_with(start); }));
     }
 
     /// Starts a server under a limit that only root could raise.

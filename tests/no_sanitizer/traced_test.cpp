@@ -119,6 +119,33 @@ TEST_F(TracedTest, AParentThatDiesBeforeItIsRegisteredIsTakenOutAfterwards) {
     EXPECT_THAT(lines(), ElementsAre(newClient(application->pid()), clientExited(application->pid())));
 }
 
+// The application waits meanwhile: its greeting is only sent afterwards.
+TEST_F(TracedTest, TheScanMakesSevenCallsForEachLeftOver) {
+    constexpr size_t kPairs = 20;
+    for (size_t i = 10; i < 10 + kPairs; ++i)
+        leavePair(std::to_string(i) + kStem.substr(2), "a\n1\n");
+    const Strace strace(directory(), "-e trace=all");
+    const auto application = startGuarded(strace.server());
+    awaitUploads(kPairs);
+    endQuietly(*application);
+
+    const std::vector<std::string> calls = strace.calls(application->serverPid());
+    const auto is_line = [](const std::string& call) {
+        return call.find("\"Uploading ") != std::string::npos;
+    };
+    const auto first = std::find_if(calls.begin(), calls.end(), is_line); // it makes std::cerr ready, too
+    const auto last = std::find_if(calls.rbegin(), calls.rend(), is_line).base();
+    ASSERT_LT(first, last);
+    std::map<std::string, size_t> counts;
+    for (auto call = std::next(first); call != last; ++call)
+        ++counts[call->substr(0, call->find('('))];
+    counts.erase("brk"); // a heap that grows
+    constexpr size_t kCounted = kPairs - 1;
+    EXPECT_THAT(counts,
+                ElementsAre(testing::Pair("newfstatat", 3 * kCounted), testing::Pair("openat", 2 * kCounted),
+                            testing::Pair("read", kCounted), testing::Pair("write", kCounted)));
+}
+
 TEST_F(TracedTest, AFailingStartDoesNotWaitForAnUpload) {
     leavePair(kStem, "a\n1\n");
     collector().setAnswer([](const ReceivedRequest&) { return Answer::silence(); });

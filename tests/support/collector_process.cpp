@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <gtest/gtest.h>
 
 namespace vantor::test {
 
@@ -85,6 +86,12 @@ CollectorProcess::CollectorProcess(const CertificateAuthority& authority, const 
     if (!eventually([this] { return words().find("Listening") != std::string::npos; })) {
         fprintf(stderr, "the collector does not listen: %s\n", words().c_str());
         abort();
+    }
+}
+
+CollectorProcess::~CollectorProcess() {
+    if (m_process->pid() != -1) {
+        EXPECT_EQ(0, end(SIGTERM)) << words();
     }
 }
 

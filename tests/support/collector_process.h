@@ -31,10 +31,13 @@ std::string reportRequest(const std::string& form);
 /// build.
 class CollectorProcess {
 public:
-    /// Starts it, with these options besides the necessary ones, and waits until it listens. It is killed
-    /// with the object if it still runs.
+    /// Starts it, with these options besides the necessary ones, and waits until it listens.
     CollectorProcess(const CertificateAuthority& authority, const std::string& directory,
                      const std::vector<std::string>& options = {});
+    /// Expects it to end in order if it still runs.
+    ~CollectorProcess();
+    CollectorProcess(const CollectorProcess&) = delete;
+    CollectorProcess& operator=(const CollectorProcess&) = delete;
 
     pid_t pid() const { return m_process->pid(); }
     /// What it has said.

@@ -128,6 +128,12 @@ std::vector<std::string> CrashServerTest::lines() const {
     return lines;
 }
 
+size_t CrashServerTest::countOfLines(const std::string& start) const {
+    const std::vector<std::string> all = lines();
+    return static_cast<size_t>(std::count_if(
+        all.begin(), all.end(), [&](const std::string& line) { return line.starts_with(start); }));
+}
+
 void CrashServerTest::awaitWords(const std::string& text, size_t count) const {
     EXPECT_TRUE(eventually([&] { return countOf(text, words()) >= count; }))
         << "not said: " << text << "\nbut:\n"

@@ -67,6 +67,7 @@ protected:
     /// Everything that was written to standard error so far.
     std::string words() const;
     std::vector<std::string> lines() const;
+    size_t countOfLines(const std::string& start) const;
     /// Waits until `text` was written that many times; failing that, the test fails.
     void awaitWords(const std::string& text, size_t count = 1) const;
     /// Waits until the server says that so many reports have arrived. It deletes the last one afterwards, and
