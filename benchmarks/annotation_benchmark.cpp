@@ -1,11 +1,12 @@
 // What a change of an annotation costs, beside what an application would do without crash reports in mind: a
 // std::map with a mutex. In alternating runs; the figures are medians of the nanoseconds of one change.
 //
-//     annotation_benchmark RUNS >FIGURES.json
+//     annotation_benchmark RUNS >FIGURES
 //
 // Each row changes the values of all its annotations in turn; "set after a line" is a set() that has a line
 // of the log to bring up to date. The last row is the time of two threads that set at once, per change.
 
+#include "benchmarks/figures.h"
 #include "benchmarks/median.h"
 #include "client/annotations.h"
 
@@ -101,21 +102,16 @@ struct Row {
     double goal; // nanoseconds; 0: none
 };
 
-void measure(const Row& row, int runs, bool is_first) {
+void measure(const Row& row, int runs) {
     std::vector<double> ours;
     std::vector<double> yardstick;
     for (int i = 0; i < runs; ++i) {
         ours.push_back(row.ours());
         yardstick.push_back(row.yardstick());
     }
-
-    const double our_median = median(ours);
-    const double yardstick_median = median(yardstick);
-    fprintf(stderr, "%-36s ns %12.1f %18.1f %8.2f %8.0f\n", row.figure, our_median, yardstick_median,
-            our_median / yardstick_median, row.goal);
-    printf("%s  {\"figure\": \"%s\", \"unit\": \"ns\", \"annotations\": %.1f, \"yardstick\": %.1f, "
-           "\"ratio\": %.3f}",
-           is_first ? "" : ",\n", row.figure, our_median, yardstick_median, our_median / yardstick_median);
+    printFigure({row.figure, "ns", median(ours), "std::map, a mutex", median(yardstick), 0});
+    if (row.goal > 0)
+        printFigure({row.figure + std::string(", at most"), "ns", median(ours), "goal in ns", row.goal, 1});
 }
 
 } // namespace
@@ -155,8 +151,6 @@ int main(int argc, char** argv) {
     const auto set_few = [&few](int i) { require(few.annotations->set(few.name(i), few.value(i))); };
     const auto map_set_few = [&few](int i) { few.map.set(few.name(i), few.value(i)); };
 
-    fprintf(stderr, "%-39s %12s %18s %8s %8s\n", "figure (median)", "annotations", "std::map, a mutex",
-            "ratio", "goal");
     const Row rows[] = {
         {"set, 64 annotations", sets(few), map_sets(few), 200},
         {"set, 300 annotations", sets(many), map_sets(many), 200},
@@ -168,8 +162,6 @@ int main(int argc, char** argv) {
         {"set by two threads, 64 annotations", [&] { return nanosecondsOfTwoThreads(set_few); },
          [&] { return nanosecondsOfTwoThreads(map_set_few); }, 0},
     };
-    printf("[\n");
     for (const Row& row : rows)
-        measure(row, runs, &row == rows);
-    printf("\n]\n");
+        measure(row, runs);
 }

@@ -1,9 +1,11 @@
 // How long a crash holds its process: from the fault until the crash server has let go of it. Beside the same
 // of the yardstick, which dumps with Breakpad as it is, in alternating runs; the figures are medians.
 //
-//     dump_benchmark SERVER YARDSTICK DATA_HOME RUNS >FIGURES.json
+//     dump_benchmark SERVER YARDSTICK DATA_HOME RUNS >FIGURES
 
+#include "benchmarks/figures.h"
 #include "benchmarks/median.h"
+#include "benchmarks/server_start.h"
 #include "client/linux/handler/exception_handler.h"
 
 #include <algorithm>
@@ -19,6 +21,7 @@
 #include <string>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -35,6 +38,7 @@ struct Shape {
     int threads;   ///< with the first one, which crashes
     int libraries; ///< that it loads beside the seven modules that any program in C++ has
     double goal;
+    uint32_t annotations = 16;
 };
 
 struct Annotation {
@@ -42,12 +46,21 @@ struct Annotation {
     char value[256];
 };
 
-const Annotation g_annotations[16] = {{"product", "dump_benchmark"}};
-const struct {
-    uint32_t count = std::size(g_annotations);
+constexpr int kAddedAnnotations = 300;
+Annotation g_annotations[1 + kAddedAnnotations];
+struct {
+    uint32_t count = 0;
     uint32_t reserved = 0;
     const Annotation* first = g_annotations;
 } g_list;
+
+void annotate(uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) {
+        (void)snprintf(g_annotations[i].name, sizeof(g_annotations[i].name), "component.setting_%u", i);
+        (void)snprintf(g_annotations[i].value, sizeof(g_annotations[i].value), "value %u of many", i);
+    }
+    g_list.count = count;
+}
 
 /// What a run tells of itself, as seen by its parent.
 struct Moments {
@@ -60,31 +73,12 @@ Moments* g_moments = nullptr; // in memory that children share
 std::filesystem::path g_data_home;
 google_breakpad::ExceptionHandler* g_handler = nullptr;
 
-[[noreturn]] void fail(const std::string& what) {
-    perror(what.c_str());
-    _exit(1);
-}
-
 /// Returns the socket of a server that serves.
-int startServer(const std::string& program) {
-    int ends[2];
-    const int on = 1;
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0 ||
-        setsockopt(ends[1], SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) != 0)
-        fail("socketpair");
-    const pid_t server = vfork();
-    if (server == 0) {
-        (void)fcntl(ends[1], F_SETFD, 0);
-        (void)execl(program.c_str(), program.c_str(), std::to_string(ends[1]).c_str(), nullptr);
-        _exit(127);
-    }
-    g_moments->server = server;
-    (void)close(ends[1]);
-    char greeting = 0;
-    const auto address = reinterpret_cast<uint64_t>(&g_list);
-    if (read(ends[0], &greeting, 1) != 1 || write(ends[0], &address, sizeof(address)) != sizeof(address))
-        fail(program);
-    return ends[0];
+int serve(const std::string& program) {
+    const StartedServer server = startServer(program);
+    g_moments->server = server.pid;
+    announceAnnotations(server, reinterpret_cast<uint64_t>(&g_list));
+    return server.socket;
 }
 
 /// A library that is loaded from two files is two modules.
@@ -127,8 +121,9 @@ void onFault(int signal, siginfo_t* info, void* context) {
     (void)dup2(null, STDERR_FILENO);
     loadLibraries(shape.libraries);
     startThreads(shape.threads - 1);
+    annotate(shape.annotations);
     g_handler = new google_breakpad::ExceptionHandler(google_breakpad::MinidumpDescriptor("/"), nullptr,
-                                                      nullptr, nullptr, false, startServer(program));
+                                                      nullptr, nullptr, false, serve(program));
 
     struct sigaction action = {};
     action.sa_sigaction = onFault;
@@ -139,13 +134,17 @@ void onFault(int signal, siginfo_t* info, void* context) {
     _exit(1);
 }
 
-/// Forgets what the server has stored, and sees to it that it has stored a dump.
-void removeReports(const std::string& program) {
+/// Takes away what the server has stored, so that its successor finds nothing, and sees to it that it has
+/// stored a dump. Emptied, and not deleted: for seconds ext4 goes around the numbers of deleted files, one by
+/// one, whenever it makes a new file, and a long series would measure that.
+void putReportsAside(const std::string& program) {
+    static int count = 0;
     size_t dumps = 0;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(g_data_home)) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(g_data_home / "data")) {
         if (entry.path().extension() == ".dmp" || entry.path().extension() == ".params") {
             dumps += entry.path().extension() == ".dmp" && entry.file_size() > 0 ? 1 : 0;
-            (void)unlink(entry.path().c_str());
+            std::filesystem::resize_file(entry.path(), 0);
+            std::filesystem::rename(entry.path(), g_data_home / "aside" / std::to_string(++count));
         }
     }
     if (dumps != 1) {
@@ -163,8 +162,44 @@ double millisecondsOfRun(const std::string& program, const Shape& shape) {
         fail("a run did not end well");
     (void)kill(g_moments->server, SIGKILL); // ours now; what it does after the release is not measured
     (void)waitpid(g_moments->server, nullptr, 0);
-    removeReports(program);
+    putReportsAside(program);
     return std::chrono::duration<double, std::milli>(g_moments->release - g_moments->fault).count();
+}
+
+/// The floor under the reading of annotations: a word by each call, from a process that is stopped.
+double millisecondsOfPeeks(int count) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        while (true)
+            (void)pause();
+    }
+    if (ptrace(PTRACE_ATTACH, pid, nullptr, nullptr) != 0 || waitpid(pid, nullptr, 0) != pid)
+        fail("attach");
+    std::vector<long> words(static_cast<size_t>(count));
+    const auto begin = Clock::now();
+    auto address = reinterpret_cast<uint64_t>(g_annotations);
+    for (long& word : words) {
+        word = ptrace(PTRACE_PEEKDATA, pid, reinterpret_cast<void*>(address), nullptr);
+        address += sizeof(word);
+    }
+    const auto end = Clock::now();
+    (void)kill(pid, SIGKILL);
+    (void)waitpid(pid, nullptr, 0);
+    return std::chrono::duration<double, std::milli>(end - begin).count();
+}
+
+void measureAnnotations(const std::string& server, int runs) {
+    constexpr int kWords = sizeof(Annotation) / sizeof(long);
+    std::vector<double> with;
+    std::vector<double> without;
+    std::vector<double> floor;
+    for (int i = 0; i < runs; ++i) {
+        with.push_back(millisecondsOfRun(server, {"", 1, 0, 0, 1 + kAddedAnnotations}));
+        without.push_back(millisecondsOfRun(server, {"", 1, 0, 0, 1}));
+        floor.push_back(millisecondsOfPeeks(kAddedAnnotations * kWords));
+    }
+    printFigure({"what 300 annotations add to the release", "ms", median(with) - median(without),
+                 "peek floor", median(floor), 1.10});
 }
 
 } // namespace
@@ -180,9 +215,10 @@ int main(int argc, char** argv) {
                             {"100 threads", 100, 0, 0.05}};
 
     g_data_home = std::filesystem::path(argv[3]) / "dump_benchmark";
-    std::filesystem::create_directories(g_data_home);
+    std::filesystem::create_directories(g_data_home / "data");
+    std::filesystem::create_directories(g_data_home / "aside");
     copyLibrary(33);
-    (void)setenv("XDG_DATA_HOME", g_data_home.c_str(), 1);
+    (void)setenv("XDG_DATA_HOME", (g_data_home / "data").c_str(), 1);
     (void)setenv("https_proxy", "http://127.0.0.1:1", 1); // where nobody is: an upload fails at once
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1UL);
     void* const memory =
@@ -191,9 +227,6 @@ int main(int argc, char** argv) {
         fail("mmap");
     g_moments = new (memory) Moments;
 
-    fprintf(stderr, "%-33s %12s %12s %8s %8s\n", "fault to release (median)", "crash_server", "bare_guard",
-            "ratio", "goal");
-    printf("[\n");
     for (const Shape& shape : shapes) {
         std::vector<double> server;
         std::vector<double> yardstick;
@@ -201,15 +234,9 @@ int main(int argc, char** argv) {
             server.push_back(millisecondsOfRun(argv[1], shape));
             yardstick.push_back(millisecondsOfRun(argv[2], shape));
         }
-        const double ours = median(server);
-        const double theirs = median(yardstick);
-        fprintf(stderr, "%-30s ms %12.2f %12.2f %8.3f %8.2f\n", shape.name, ours, theirs, ours / theirs,
-                shape.goal);
-        printf("  {\"figure\": \"fault to release, %s\", \"unit\": \"ms\", \"server\": %.3f, \"yardstick\": "
-               "%.3f, "
-               "\"ratio\": %.4f}%s\n",
-               shape.name, ours, theirs, ours / theirs, &shape == std::end(shapes) - 1 ? "" : ",");
+        printFigure({std::string("fault to release, ") + shape.name, "ms", median(server), "bare guard",
+                     median(yardstick), shape.goal});
     }
-    printf("]\n");
+    measureAnnotations(argv[1], runs);
     std::filesystem::remove_all(g_data_home);
 }

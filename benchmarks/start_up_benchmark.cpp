@@ -2,24 +2,22 @@
 // greeting, and the memory while it waits. Beside the same of the yardstick, in alternating runs; the figures
 // are medians.
 //
-//     start_up_benchmark SERVER YARDSTICK RUNS >FIGURES.json
+//     start_up_benchmark SERVER YARDSTICK RUNS >FIGURES
 
+#include "benchmarks/figures.h"
 #include "benchmarks/median.h"
+#include "benchmarks/server_start.h"
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <sstream>
 #include <string>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -27,26 +25,13 @@
 namespace {
 
 /// What one run showed.
-struct Figures {
+struct Run {
     double greeting_microseconds = 0;
     double minor_faults = 0;      ///< of the whole short life
     double dirty_kilobytes = 0;   ///< private, and in no file: what one more server takes from the machine
     double private_kilobytes = 0; ///< with the pages of the executable, which several servers share
     double resident_kilobytes = 0;
 };
-
-[[noreturn]] void fail(const std::string& what) {
-    perror(what.c_str());
-    exit(1);
-}
-
-[[noreturn]] void execServer(const std::string& program, int socket) {
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    (void)dup2(null, STDERR_FILENO);
-    (void)fcntl(socket, F_SETFD, 0);
-    (void)execl(program.c_str(), program.c_str(), std::to_string(socket).c_str(), nullptr);
-    _exit(127);
-}
 
 /// The sum of the values of `names` in a file of lines "NAME: VALUE kB".
 double kilobytes(const std::string& path, const std::vector<std::string>& names) {
@@ -74,50 +59,27 @@ bool isIdle(pid_t pid) {
     return sleeping == 3;
 }
 
-Figures runOnce(const std::string& program) {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
-        fail("socketpair");
-    const int on = 1;
-    (void)setsockopt(ends[1], SOL_SOCKET, SO_PASSCRED, &on, sizeof(on));
-
-    const auto begin = std::chrono::steady_clock::now();
-    const pid_t pid = fork();
-    if (pid == 0)
-        execServer(program, ends[1]);
-    (void)close(ends[1]);
-    char greeting = 0;
-    if (read(ends[0], &greeting, 1) != 1)
-        fail(program + " does not greet");
-    const std::chrono::duration<double, std::micro> greeted = std::chrono::steady_clock::now() - begin;
-
-    const uint64_t no_annotations = 0;
-    if (write(ends[0], &no_annotations, sizeof(no_annotations)) != sizeof(no_annotations))
-        fail(program + " does not listen");
-    while (!isIdle(pid))
+Run runOnce(const std::string& program) {
+    const StartedServer server = startServer(program);
+    announceAnnotations(server, 0);
+    while (!isIdle(server.pid))
         (void)usleep(100);
 
-    Figures figures;
-    figures.greeting_microseconds = greeted.count();
-    const std::string memory = "/proc/" + std::to_string(pid) + "/smaps_rollup";
-    figures.dirty_kilobytes = kilobytes(memory, {"Private_Dirty"});
-    figures.private_kilobytes = kilobytes(memory, {"Private_Clean", "Private_Dirty"});
-    figures.resident_kilobytes = kilobytes(memory, {"Rss"});
+    Run run;
+    run.greeting_microseconds = server.microseconds;
+    const std::string memory = "/proc/" + std::to_string(server.pid) + "/smaps_rollup";
+    run.dirty_kilobytes = kilobytes(memory, {"Private_Dirty"});
+    run.private_kilobytes = kilobytes(memory, {"Private_Clean", "Private_Dirty"});
+    run.resident_kilobytes = kilobytes(memory, {"Rss"});
 
-    (void)kill(pid, SIGHUP);
+    (void)kill(server.pid, SIGHUP);
     rusage usage = {};
     int status = 0;
-    if (wait4(pid, &status, 0, &usage) != pid || status != 0)
+    if (wait4(server.pid, &status, 0, &usage) != server.pid || status != 0)
         fail(program + " did not end well");
-    (void)close(ends[0]);
-    figures.minor_faults = static_cast<double>(usage.ru_minflt);
-    return figures;
-}
-
-double medianOf(const std::vector<Figures>& runs, const std::function<double(const Figures&)>& figure) {
-    std::vector<double> values;
-    std::transform(runs.begin(), runs.end(), std::back_inserter(values), figure);
-    return median(std::move(values));
+    (void)close(server.socket);
+    run.minor_faults = static_cast<double>(usage.ru_minflt);
+    return run;
 }
 
 } // namespace
@@ -129,8 +91,8 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    std::vector<Figures> server;
-    std::vector<Figures> yardstick;
+    std::vector<Run> server;
+    std::vector<Run> yardstick;
     for (int i = 0; i < runs; ++i) {
         server.push_back(runOnce(argv[1]));
         yardstick.push_back(runOnce(argv[2]));
@@ -139,26 +101,16 @@ int main(int argc, char** argv) {
     const struct {
         const char* name;
         const char* unit;
-        std::function<double(const Figures&)> figure;
+        double Run::*value;
         double goal;
     } rows[] = {
-        {"exec to greeting", "us", [](const Figures& f) { return f.greeting_microseconds; }, 1.25},
-        {"minor faults", "", [](const Figures& f) { return f.minor_faults; }, 1.25},
-        {"dirty memory when idle", "KB", [](const Figures& f) { return f.dirty_kilobytes; }, 1.25},
-        {"private memory when idle", "KB", [](const Figures& f) { return f.private_kilobytes; }, 1.25},
-        {"resident memory when idle", "KB", [](const Figures& f) { return f.resident_kilobytes; }, 1.25},
+        {"exec to greeting", "us", &Run::greeting_microseconds, 1.15},
+        {"minor faults", "", &Run::minor_faults, 1.15},
+        {"dirty memory when idle", "KB", &Run::dirty_kilobytes, 1.25},
+        {"private memory when idle", "KB", &Run::private_kilobytes, 1.25},
+        {"resident memory when idle", "KB", &Run::resident_kilobytes, 1.15},
     };
-    fprintf(stderr, "%-28s %12s %12s %8s %8s\n", "figure (median)", "crash_server", "bare_guard", "ratio",
-            "goal");
-    printf("[\n");
-    for (const auto& row : rows) {
-        const double ours = medianOf(server, row.figure);
-        const double theirs = medianOf(yardstick, row.figure);
-        fprintf(stderr, "%-25s %2s %12.0f %12.0f %8.2f %8.2f\n", row.name, row.unit, ours, theirs,
-                ours / theirs, row.goal);
-        printf("  {\"figure\": \"%s\", \"unit\": \"%s\", \"server\": %.1f, \"yardstick\": %.1f, \"ratio\": "
-               "%.3f}%s\n",
-               row.name, row.unit, ours, theirs, ours / theirs, &row == std::end(rows) - 1 ? "" : ",");
-    }
-    printf("]\n");
+    for (const auto& row : rows)
+        printFigure({row.name, row.unit, median(server, row.value), "bare guard",
+                     median(yardstick, row.value), row.goal});
 }

@@ -2,10 +2,11 @@
 // the child to its text, beside Breakpad's minidump_stackwalk with the same symbols as text. In alternating
 // runs; the figures are medians.
 //
-//     walk_benchmark CRASH_WALKER DUMP SYMBOLS MINIDUMP_STACKWALK FUNCTION RUNS >FIGURES.json
+//     walk_benchmark CRASH_WALKER DUMP SYMBOLS MINIDUMP_STACKWALK FUNCTION RUNS >FIGURES
 //
 // FUNCTION is one that both must name.
 
+#include "benchmarks/figures.h"
 #include "benchmarks/median.h"
 #include "collector/stack_text.h"
 #include "collector/symbol_store.h"
@@ -104,15 +105,5 @@ int main(int argc, char** argv) {
         theirs.push_back(microseconds([&] { return stackwalk(argv[4], dump, argv[3]); }, function));
     }
 
-    constexpr double kGoal = 0.02;
-    const double our_median = median(ours);
-    const double their_median = median(theirs);
-    fprintf(stderr, "%-28s %12s %18s %8s %8s\n", "figure (median)", "collector", "minidump_stackwalk",
-            "ratio", "goal");
-    fprintf(stderr, "%-25s us %12.0f %18.0f %8.3f %8.2f\n", "a walk, exec included", our_median, their_median,
-            our_median / their_median, kGoal);
-    printf(
-        "[\n  {\"figure\": \"a walk, exec included\", \"unit\": \"us\", \"collector\": %.1f, \"yardstick\": "
-        "%.1f, \"ratio\": %.4f}\n]\n",
-        our_median, their_median, our_median / their_median);
+    printFigure({"a walk, exec included", "us", median(ours), "minidump_stackwalk", median(theirs), 0.02});
 }
