@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <optional>
+#include <utility>
 
 namespace vantor::test {
 
@@ -117,7 +119,10 @@ HttpAnswer CollectorProcess::ask(const std::string& path,
 }
 
 HttpAnswer CollectorProcess::send(const std::string& request) const {
-    TlsClient client(kPort, m_authority_file);
+    std::optional<TcpClient> connection = TcpClient::ifSomebodyListens(kPort);
+    if (!connection)
+        return {};
+    TlsClient client(std::move(*connection), m_authority_file);
     if (!client.handshake())
         return {};
     (void)client.send(request); // it may have been answered before its end

@@ -47,7 +47,8 @@ public:
 
     /// A request by curl, with its arguments before the path.
     HttpAnswer ask(const std::string& path, const std::vector<std::string>& curl_arguments = {}) const;
-    /// The same with the bytes of a whole request, over a connection of its own.
+    /// The same with the bytes of a whole request, over a connection of its own; no answer from a collector
+    /// that was killed meanwhile.
     HttpAnswer send(const std::string& request) const;
     /// Sends a report; the answer's status.
     int sendReport(const std::map<std::string, std::string>& params, const std::string& name,

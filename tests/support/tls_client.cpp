@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <utility>
 
 namespace vantor::test {
 namespace {
@@ -30,6 +31,18 @@ bool connectTo(int socket, uint16_t port, int family) {
     return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
+/// A connected socket; none, and errno set, when nobody listens.
+Descriptor connection(uint16_t port, int family) {
+    blockBrokenPipeSignal();
+    Descriptor socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const timeval patience = {kPatienceSeconds, 0};
+    (void)setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    (void)setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    const int on = 1;
+    (void)setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    return connectTo(socket.get(), port, family) ? std::move(socket) : Descriptor();
+}
+
 OpensslContext contextThatTrusts(const std::string& authority_file) {
     OpensslContext context(SSL_CTX_new(TLS_client_method()));
     requireOpenssl(context && SSL_CTX_load_verify_file(context.get(), authority_file.c_str()) == 1,
@@ -40,17 +53,18 @@ OpensslContext contextThatTrusts(const std::string& authority_file) {
 
 } // namespace
 
-TcpClient::TcpClient(uint16_t port, int family) : m_socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    blockBrokenPipeSignal();
-    const timeval patience = {kPatienceSeconds, 0};
-    (void)setsockopt(socket(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    (void)setsockopt(socket(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    const int on = 1;
-    (void)setsockopt(socket(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    if (!connectTo(socket(), port, family)) {
+TcpClient::TcpClient(uint16_t port, int family) : m_socket(connection(port, family)) {
+    if (!m_socket.isOpen()) {
         perror("cannot connect to the loopback");
         abort();
     }
+}
+
+std::optional<TcpClient> TcpClient::ifSomebodyListens(uint16_t port) {
+    Descriptor socket = connection(port, AF_INET);
+    if (!socket.isOpen())
+        return std::nullopt;
+    return TcpClient(std::move(socket));
 }
 
 int TcpClient::localPort() const {
@@ -65,8 +79,8 @@ bool TcpClient::waitForEnd() const {
     return poll(&entry, 1, kPatienceSeconds * 1000) == 1;
 }
 
-TlsClient::TlsClient(uint16_t port, const std::string& authority_file, int family)
-    : m_connection(port, family),
+TlsClient::TlsClient(TcpClient connection, const std::string& authority_file)
+    : m_connection(std::move(connection)),
       m_context(contextThatTrusts(authority_file)),
       m_tls(SSL_new(m_context.get())) {
     requireOpenssl(m_tls && SSL_set_fd(m_tls.get(), m_connection.socket()) == 1 &&

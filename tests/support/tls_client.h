@@ -4,9 +4,11 @@
 #include "tests/support/openssl_object.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
+#include <utility>
 
 namespace vantor::test {
 
@@ -15,6 +17,8 @@ class TcpClient {
 public:
     /// `family`: AF_INET for 127.0.0.1, AF_INET6 for ::1. Aborts the test program when nobody listens.
     explicit TcpClient(uint16_t port, int family = AF_INET);
+    /// For a server that may have been killed: nothing when nobody listens.
+    static std::optional<TcpClient> ifSomebodyListens(uint16_t port);
 
     int socket() const { return m_socket.get(); }
     int localPort() const;
@@ -22,6 +26,8 @@ public:
     bool waitForEnd() const;
 
 private:
+    explicit TcpClient(Descriptor connected) : m_socket(std::move(connected)) {}
+
     Descriptor m_socket;
 };
 
@@ -30,7 +36,10 @@ private:
 class TlsClient {
 public:
     /// Connects, and accepts certificates for "localhost" that the authority in `authority_file` has signed.
-    TlsClient(uint16_t port, const std::string& authority_file, int family = AF_INET);
+    TlsClient(uint16_t port, const std::string& authority_file, int family = AF_INET)
+        : TlsClient(TcpClient(port, family), authority_file) {}
+    /// The same over a connection that is there.
+    TlsClient(TcpClient connection, const std::string& authority_file);
 
     /// Whether the server's certificate was accepted. Nothing can be sent or read before.
     bool handshake();
