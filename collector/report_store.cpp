@@ -2,6 +2,7 @@
 
 #include "common/file.h"
 #include "common/strings.h"
+#include "common/time.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -22,6 +23,7 @@ namespace {
 constexpr const char* kCannotStore = "The report cannot be stored";
 constexpr size_t kNameLength = 36;
 constexpr mode_t kOwnerOnly = S_IRWXU; // a dump holds what the application had in its memory
+constexpr Duration kLockPatience(5'000'000'000);
 constexpr std::string_view kNameCharacters = "0123456789abcdefABCDEF-";
 
 bool isFile(const std::string& path) {
@@ -56,6 +58,19 @@ void syncParents(const std::string& path) {
     for (auto parent = std::filesystem::absolute(path).parent_path(); parent != root;
          parent = parent.parent_path())
         (void)syncDirectory(parent.string());
+}
+
+/// False when another collector has the directory. One that was killed a moment ago may have left its lock,
+/// and the port, to the child that was about to become its walker, and lets go of both when it does.
+bool lock(int directory) {
+    constexpr useconds_t kPause = 10'000;
+    const Time deadline = Time::now() + kLockPatience;
+    while (flock(directory, LOCK_EX | LOCK_NB) != 0) {
+        if (Time::now() >= deadline)
+            return false;
+        (void)usleep(kPause);
+    }
+    return true;
 }
 
 std::string errorText() {
@@ -138,7 +153,7 @@ std::optional<std::string> ReportStore::makeLayout() {
     m_lock = open(m_incoming.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (m_lock == -1)
         return unusable(errorText());
-    if (flock(m_lock, LOCK_EX | LOCK_NB) != 0)
+    if (!lock(m_lock))
         return unusable("another collector uses it");
     return std::nullopt;
 }

@@ -53,7 +53,8 @@ public:
 
     /// To be called once, before anything else: makes the directories if need be, deletes what was being
     /// received when the last collector ended, and halves of reports, and looks what is there. Returns why
-    /// the directory cannot be used, in a sentence; nothing when all is well.
+    /// the directory cannot be used, in a sentence; nothing when all is well. Waits up to five seconds for
+    /// another collector to leave the directory.
     std::optional<std::string> recover();
 
     /// A file to receive a dump in; null, and the reason in errno, when there is none to be had.

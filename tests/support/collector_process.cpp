@@ -58,7 +58,8 @@ std::string reportRequest(const std::string& form) {
 }
 
 CollectorProcess::CollectorProcess(const CertificateAuthority& authority, const std::string& directory,
-                                   const std::vector<std::string>& options)
+                                   const std::vector<std::string>& options,
+                                   const std::vector<std::string>& tracer)
     : m_authority_file(authority.certificateFile()),
       m_data(directory + "/collector"),
       m_words(directory + "/collector.log"),
@@ -67,22 +68,12 @@ CollectorProcess::CollectorProcess(const CertificateAuthority& authority, const 
     const std::string key_file = directory + "/symbol.key";
     writeFile(key_file, m_symbol_key + "\n");
     writeFile(m_words, "");
-    std::vector<std::string> command = {"sh",
-                                        "-c",
-                                        R"(log=$1; shift; exec "$@" >"$log" 2>&1)",
-                                        "sh",
-                                        m_words,
-                                        kCrashCollector,
-                                        "--listen",
-                                        "127.0.0.1:" + std::to_string(kPort),
-                                        "--certificate",
-                                        files.certificate,
-                                        "--key",
-                                        files.key,
-                                        "--data",
-                                        m_data,
-                                        "--symbol-key",
-                                        key_file};
+    std::vector<std::string> command = {"sh", "-c", R"(log=$1; shift; exec "$@" >"$log" 2>&1)", "sh",
+                                        m_words};
+    command.insert(command.end(), tracer.begin(), tracer.end());
+    command.insert(command.end(),
+                   {kCrashCollector, "--listen", "127.0.0.1:" + std::to_string(kPort), "--certificate",
+                    files.certificate, "--key", files.key, "--data", m_data, "--symbol-key", key_file});
     command.insert(command.end(), options.begin(), options.end());
     m_process = std::make_unique<ChildProcess>(command);
     if (!eventually([this] { return words().find("Listening") != std::string::npos; })) {

@@ -31,9 +31,11 @@ std::string reportRequest(const std::string& form);
 /// build.
 class CollectorProcess {
 public:
-    /// Starts it, with these options besides the necessary ones, and waits until it listens.
+    /// Starts it, with these options besides the necessary ones, and waits until it listens. `tracer`: the
+    /// words of a command that runs it.
     CollectorProcess(const CertificateAuthority& authority, const std::string& directory,
-                     const std::vector<std::string>& options = {});
+                     const std::vector<std::string>& options = {},
+                     const std::vector<std::string>& tracer = {});
     /// Expects it to end in order if it still runs.
     ~CollectorProcess();
     CollectorProcess(const CollectorProcess&) = delete;
