@@ -25,7 +25,7 @@ namespace {
 
 // How long to wait for what takes microseconds, until something else is tried.
 constexpr timespec kPatienceForStart = {.tv_sec = 0, .tv_nsec = 100'000'000};
-constexpr int64_t kPatienceWithGuardian = 2'000'000'000;
+constexpr int64_t kPatienceWithGuardian = 5'000'000'000;
 constexpr timespec kPatienceForEnd = {.tv_sec = 2, .tv_nsec = 0};
 
 int64_t nanoseconds(std::chrono::milliseconds span) {

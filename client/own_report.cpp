@@ -116,9 +116,10 @@ bool writeParameters(const CrashPath& path, int descriptor) {
 }
 
 /// The process says whom it lets trace itself; one that cannot say anything is not traced.
-bool awaitPermission(ReportInProgress& report) {
+bool awaitPermission(CrashPath& path) {
+    ReportInProgress& report = path.report;
     __atomic_store_n(&report.wants_to_trace, 1, __ATOMIC_RELEASE);
-    const int64_t limit = rawTime(CLOCK_MONOTONIC) + kNanosecondsPerSecond;
+    const int64_t limit = rawTime(CLOCK_MONOTONIC) + path.deadline;
     while (__atomic_load_n(&report.may_trace, __ATOMIC_ACQUIRE) == 0) {
         (void)rawSystemCall(SYS_futex, asWord(&report.companion), FUTEX_WAKE, 1); // where the thread sleeps
         const timespec span = {0, 1'000'000};
@@ -187,7 +188,7 @@ bool isReportWanted(const CrashPath& path) {
 
 bool writeOwnReport(CrashPath& path) {
     char name[kReportNameSize];
-    if (!awaitPermission(path.report) || !makeName(name))
+    if (!awaitPermission(path) || !makeName(name))
         return false;
 
     PathText temporary;
