@@ -43,6 +43,7 @@ protected:
         m_options.server = vantor::test::kCrashServer;
         m_options.version = "1.2.3";
         m_options.channel = "beta";
+        m_options.deadline_ms = 60'000; // a server that is slow, on a busy machine, is not taken for dead
     }
     /// Servers may outlive their applications for ten seconds, because of uploads that failed.
     ~CrashClientTest() override {
@@ -264,7 +265,12 @@ TEST_F(CrashClientTest, WithoutAServerTheProcessReportsItself) {
     EXPECT_TRUE(client::dump(&report));
     EXPECT_THAT(files(".dmp"), ElementsAre(report));
     EXPECT_EQ(parametersOf(report)["version"], "1.2.3");
+}
 
+TEST_F(CrashClientTest, AServerThatIsInstalledMeanwhileIsStarted) {
+    const std::string server = m_data / "server";
+    m_options.server = server.c_str();
+    EXPECT_EQ(client::start(m_options).status(), VANTOR_CRASH_NO_SERVER);
     std::filesystem::create_symlink(vantor::test::kCrashServer, server);
     EXPECT_TRUE(eventually([] { return client::health().condition == VANTOR_CRASH_SERVING; }));
 }

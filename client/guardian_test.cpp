@@ -8,10 +8,10 @@
 #include "tests/support/programs.h"
 #include "tests/support/temporary_directory.h"
 
-#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -370,6 +370,7 @@ TEST_F(GuardianTest, StartsNoServerWhileAForkedChildHolds) {
     });
     ASSERT_TRUE(eventually([&] { return state.holder == child; }));
     ASSERT_EQ(0, kill(health().server, SIGKILL));
+    ASSERT_TRUE(eventually([&] { return health().condition == Condition::Restarting; }));
     EXPECT_FALSE(eventually([&] { return health().restarts != 0 || isServerStarting(state); }, 200ms));
     EXPECT_EQ(Condition::Restarting, health().condition);
     EXPECT_EQ(0, serverOf(state));
@@ -557,7 +558,7 @@ TEST_F(GuardianTest, SaysThatTheServerGreetedInAnotherWay) {
 
 TEST_F(GuardianTest, GoesOnWithoutAServerUntilThereIsOne) {
     m_options.server = m_directory / "server";
-    m_options.most_restarts = 1'000;
+    m_options.most_restarts = UINT_MAX;
     const std::string failed = startWithoutServer();
     EXPECT_THAT(failed, HasSubstr("could not be run: No such file or directory."));
     EXPECT_EQ(-1, m_guardian->socket());
@@ -581,15 +582,19 @@ TEST_F(GuardianTest, GoesOnWithoutAServerUntilThereIsOne) {
 }
 
 TEST_F(GuardianTest, GoesOnWithoutAServerWhateverFailed) {
-    m_options.greeting_deadline = 50ms;
     m_options.first_restart_delay = m_options.longest_restart_delay = 1h;
-    const std::map<std::string, std::string> errors = {
-        {"exit 3", "ended before it served (exit status 3)"},
-        {kServes, "did not greet within 50 ms"},
-        {"printf x >&3; " + kServes, "did not greet as a crash"}};
-    for (const auto& [commands, error] : errors) {
-        useScript(commands);
-        EXPECT_THAT(startWithoutServer(), HasSubstr(error));
+    struct Failure {
+        std::string commands;
+        std::chrono::milliseconds deadline;
+        std::string error;
+    };
+    const Failure failures[] = {{"exit 3", 10s, "ended before it served (exit status 3)"},
+                                {kServes, 50ms, "did not greet within 50 ms"},
+                                {"printf x >&3; " + kServes, 10s, "did not greet as a crash"}};
+    for (const Failure& failure : failures) {
+        useScript(failure.commands);
+        m_options.greeting_deadline = failure.deadline;
+        EXPECT_THAT(startWithoutServer(), HasSubstr(failure.error));
         EXPECT_EQ(Condition::Restarting, health().condition);
         EXPECT_EQ(-1, m_guardian->socket());
         m_guardian->stop();
@@ -621,18 +626,9 @@ TEST_F(GuardianTest, GivesUpAfterSoManyStartsWithoutAServer) {
 
 TEST_F(GuardianTest, DoesNotHoldTheApplicationWhenItIsStopped) {
     const std::set<pid_t> before = processes();
-    m_options.greeting_deadline = 500ms;
-    useScript("exec cat <&3 >/dev/null"); // does not greet, and ends when nobody has the other end
-    std::thread stopper([] {
-        EXPECT_TRUE(eventually([] {
-            const std::set<pid_t> all = processes();
-            return std::any_of(all.begin(), all.end(), [](pid_t pid) {
-                return statusOf(pid, "Name") == "crash_guardian" && kill(pid, SIGSTOP) == 0;
-            });
-        }));
-    });
+    m_options.greeting_deadline = 4s;
+    useScript("kill -STOP $PPID; exec cat <&3 >/dev/null"); // ends when nobody has the other end
     const StartedGuardian started = Guardian::start(m_options);
-    stopper.join();
     EXPECT_EQ(nullptr, started.guardian);
     EXPECT_EQ(
         "The guardian of the crash server was killed or stopped. Look in the system's log for what did it.",

@@ -4,6 +4,7 @@
 #include "tests/support/small_disk.h"
 #include "tests/support/temporary_directory.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <gmock/gmock.h>
@@ -50,10 +51,16 @@ protected:
         }
     }
 
-    /// As if it was called after this time.
+    /// As if it was called when the newest file has come this long ago.
     TidiedReports tidyAfter(std::chrono::seconds age, const ReportQuota& quota = {}) const {
-        return tidyReports(m_directory.path(), quota,
-                           std::chrono::system_clock::now() + std::chrono::nanoseconds(age));
+        WallTime newest;
+        for (const std::string& name : names()) {
+            struct stat status = {};
+            EXPECT_EQ(0, lstat(pathOf(name).c_str(), &status));
+            newest = std::max(newest, WallTime(std::chrono::seconds(status.st_ctim.tv_sec) +
+                                               std::chrono::nanoseconds(status.st_ctim.tv_nsec)));
+        }
+        return tidyReports(m_directory.path(), quota, newest + age);
     }
     std::vector<std::string> names() const { return m_directory.names(); }
 

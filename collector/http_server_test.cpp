@@ -163,7 +163,7 @@ TEST_F(HttpServerTest, ServesSeveralRequestsOfOneConnection) {
 
 TEST_F(HttpServerTest, ASilentConnectionIsClosedInTheEnd) {
     HttpServer::Options impatient = options();
-    impatient.silence_seconds = 1;
+    impatient.silence_seconds = 5; // for the hand-shake, too
     const auto server = serve(impatient);
     const std::unique_ptr<TlsClient> client = connect(*server);
     ASSERT_TRUE(client->send("GET / HT"));

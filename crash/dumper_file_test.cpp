@@ -4,6 +4,7 @@
 #include "crash/dump_in_progress.h"
 
 #include "client/minidump_file_writer-inl.h"
+#include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -181,7 +182,8 @@ TEST_F(FileWriterTest, NothingIsCopiedBehindWhatWasAllocated) {
 }
 
 TEST_F(FileWriterTest, CloseWritesAndCutsOffWhatIsNotUsed) {
-    const std::string path = testing::TempDir() + "/vantor_file_writer_" + std::to_string(getpid());
+    const test::TemporaryDirectory directory;
+    const std::string path = directory / "dump";
     for (const bool is_dump : {false, true}) {
         std::optional<DumpInProgress> dump;
         if (is_dump)

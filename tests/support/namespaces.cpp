@@ -30,7 +30,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 /// What processes that are about to end anyway may take after the tests.
-constexpr auto kGrace = std::chrono::seconds(3);
+constexpr auto kGrace = std::chrono::seconds(15);
 
 /// What process 1 tells the tests.
 struct OrphanEnd {

@@ -97,6 +97,19 @@ protected:
         return responses.at(0);
     }
 
+    /// A file so large that no socket buffer takes it whole.
+    std::shared_ptr<File> largeFile() {
+        writeFile(m_directory / "large.dmp", std::string(64 << 20, 'x'));
+        return File::open(m_directory / "large.dmp", "r", true);
+    }
+
+    HttpUploader::UploadResponse uploadLarge(HttpUploader& uploader) {
+        Completions completions;
+        uploader.upload({{"crash", largeFile()}}, {}, completions.callback());
+        uploader.waitUploadsComplete();
+        return completions.responses().at(0);
+    }
+
     int32_t errorWith(TlsServer::Options options) {
         startServer(std::move(options));
         return upload(*uploaderTo(url())).error;
