@@ -97,7 +97,7 @@ uint64_t progressOf(const Companion& companion) {
            (companion.server != 0 ? figuresOf(companion.server).processor_time : 0);
 }
 
-constexpr int64_t kPatienceWithEnd = 2 * kNanosecondsPerSecond; // a killed process frees its memory first
+constexpr int64_t kPatienceWithEnd = 10 * kNanosecondsPerSecond; // a killed process frees its memory first
 
 /// False when it cannot be ended.
 bool endServer(const Companion& companion) {

@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kCannotStore = "The report cannot be stored";
 constexpr size_t kNameLength = 36;
 constexpr mode_t kOwnerOnly = S_IRWXU; // a dump holds what the application had in its memory
-constexpr Duration kLockPatience(5'000'000'000);
+constexpr Duration kLockPatience(10'000'000'000);
 constexpr std::string_view kNameCharacters = "0123456789abcdefABCDEF-";
 
 bool isFile(const std::string& path) {

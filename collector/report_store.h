@@ -53,7 +53,7 @@ public:
 
     /// To be called once, before anything else: makes the directories if need be, deletes what was being
     /// received when the last collector ended, and halves of reports, and looks what is there. Returns why
-    /// the directory cannot be used, in a sentence; nothing when all is well. Waits up to five seconds for
+    /// the directory cannot be used, in a sentence; nothing when all is well. Waits up to ten seconds for
     /// another collector to leave the directory.
     std::optional<std::string> recover();
 
