@@ -276,7 +276,8 @@ std::vector<std::string> namedTracers(const std::string& trace) {
     std::smatch match;
     for (std::string line; std::getline(lines, line);) {
         static const std::regex naming(R"re((\d+) +prctl\(PR_SET_NAME, "crash_(\w+)".*)re");
-        static const std::regex permission(R"re((\d+) +prctl\(PR_SET_PTRACER, (\d+)\).*)re");
+        static const std::regex permission(
+            R"re((\d+) +prctl\(PR_SET_PTRACER, (\d+)\b.*)re"); // finished or not
         if (std::regex_match(line, match, naming))
             names[match[1]] = match[2];
         if (!std::regex_match(line, match, permission))

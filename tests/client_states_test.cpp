@@ -61,14 +61,14 @@ const std::map<Crash, std::string> kCrashes = {
     {Crash::TwoThreads, "TwoThreads"},       {Crash::ForkedChild, "ForkedChild"},
     {Crash::StackOverflow, "StackOverflow"}, {Crash::ProcessOne, "ProcessOne"}};
 
-constexpr milliseconds kDeadline = seconds(1);
-constexpr milliseconds kDumpDeadline = seconds(2); // a busy machine's server begins within it
+// Where a server stands still, which is found out by it; a busy machine's one begins within it.
+constexpr milliseconds kDeadline = seconds(2);
 constexpr milliseconds kLongDeadline = seconds(5); // which does not count
 
 // A slow server needs longer than this deadline in all, and never so long for one step.
-constexpr milliseconds kSlowDeadline = seconds(2);
+constexpr milliseconds kSlowDeadline = seconds(6);
 constexpr milliseconds kSlowStep = milliseconds(800);
-constexpr int kSlowSteps = 4;
+constexpr int kSlowSteps = 8;
 
 constexpr int kGrowthInDump = 3; // the stacks of all threads need many
 
@@ -86,7 +86,7 @@ protected:
                server == Server::DiskFull;
     }
     /// All that the deadlines allow, and what a busy machine needs.
-    seconds limit() const { return seconds(GetParam().server == Server::Slow ? 20 : 10); }
+    seconds limit() const { return seconds(GetParam().server == Server::Slow ? 30 : 10); }
 
     /// Of two threads either may be the first.
     static std::vector<std::string> endsOf(Crash crash) {
@@ -131,7 +131,7 @@ std::string ClientStatesTest::makeSilentServer() const {
 void ClientStatesTest::startWithRemovableServer() {
     const std::string path = directory() + "/crash_server";
     std::filesystem::create_symlink(kCrashServer, path);
-    startService(path, kDeadline);
+    startService(path, kLongDeadline);
     std::filesystem::remove(path);
 }
 
@@ -157,15 +157,15 @@ void ClientStatesTest::startIn(Server state) {
     startApplication();
     switch (state) {
     case Server::Absent:
-        startService("/nonexistent/crash_server", kDeadline);
+        startService("/nonexistent/crash_server", kLongDeadline);
         break;
     case Server::NeverGreeted:
-        startService(makeSilentServer(), kDeadline, milliseconds(300));
+        startService(makeSilentServer(), kLongDeadline, milliseconds(300));
         break;
     case Server::Dead:
         startWithRemovableServer();
         killServer();
-        EXPECT_TRUE(eventually([this] { return tell("health") == "restarting"; }));
+        EXPECT_TRUE(eventually([this] { return tell("health") != "serving"; }));
         break;
     case Server::GivenUp:
         startWithRemovableServer();
@@ -178,20 +178,20 @@ void ClientStatesTest::startIn(Server state) {
         break;
     case Server::StoppedInDump:
     case Server::KilledInDump:
-        startService(Brake::server(), state == Server::StoppedInDump ? kDumpDeadline : kLongDeadline);
+        startService(Brake::server(), state == Server::StoppedInDump ? kDeadline : kLongDeadline);
         break;
     case Server::Slow:
         startService(Brake::server(), kSlowDeadline);
         break;
     case Server::OutOfDescriptors: {
-        startService(kCrashServer, kDeadline);
+        startService(kCrashServer, kLongDeadline);
         const rlimit none = {.rlim_cur = 3, .rlim_max = 3}; // that it has keeps it
         EXPECT_EQ(0, prlimit(serverPid(), RLIMIT_NOFILE, &none, nullptr));
         break;
     }
     case Server::DiskFull:
     case Server::Serving:
-        startService(kCrashServer, kDeadline);
+        startService(kCrashServer, kLongDeadline);
         break;
     }
 }

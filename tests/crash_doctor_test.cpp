@@ -47,13 +47,17 @@ using testing::StartsWith;
 
 constexpr uid_t kNobody = 65534;
 
+/// A busy machine may hold the crashed process for a second, and is told so.
+const auto kIsWell = testing::AnyOf(StartsWith("ok    "), StartsWith("slow  crash: "));
+
 TEST_F(CrashDoctorTest, SeesThatAllIsWell) {
     const Diagnosis diagnosis = diagnose();
     EXPECT_EQ("exit 0", diagnosis.end);
-    EXPECT_THAT(diagnosis.lines, Each(StartsWith("ok    ")));
+    EXPECT_THAT(diagnosis.lines, Each(kIsWell));
     EXPECT_THAT(diagnosis.lines, Contains("ok    crash server: " + std::string(kCrashServer) + " serves"));
-    EXPECT_THAT(diagnosis.lines,
-                Contains(MatchesRegex("ok    crash: the crashed process was held for [0-9]+ ms")));
+    EXPECT_THAT(
+        diagnosis.lines,
+        Contains(MatchesRegex("ok    crash: the crashed process was held for [0-9]+ ms|slow  crash: .*")));
     EXPECT_THAT(diagnosis.lines, Contains("ok    report: written by the crash server"));
 
     const ReceivedRequest report = onlyReport();
@@ -330,7 +334,7 @@ TEST_F(CrashDoctorTest, SeesThatItIsProcessOne) {
         (void)mount("proc", "/proc", "proc", 0, nullptr);
     });
     EXPECT_EQ("exit 0", diagnosis.end);
-    EXPECT_THAT(diagnosis.lines, Each(StartsWith("ok    ")));
+    EXPECT_THAT(diagnosis.lines, Each(kIsWell));
     EXPECT_THAT(diagnosis.lines, Contains("ok    process: user 0, process 1, no_new_privs 0"));
 }
 

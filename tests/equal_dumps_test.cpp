@@ -130,7 +130,7 @@ void expectEqualDumps(const Pose& pose) {
         again = withoutChance(pose.dump(STOCK_DUMPER));
         return stock.size() == fast.size() && fast.size() == again.size();
     };
-    ASSERT_TRUE(eventually(have_one_length, std::chrono::seconds(5)));
+    ASSERT_TRUE(eventually(have_one_length));
     ASSERT_EQ(std::string::npos, firstDifference(stock, again));
     EXPECT_EQ(std::string::npos, firstDifference(stock, fast));
 }
@@ -199,7 +199,7 @@ TEST(EqualDumpsTest, OneAfterTheOther) {
         return readFile(files[0]).size() == readFile(files[1]).size() &&
                readFile(files[0]).size() == readFile(files[2]).size();
     };
-    ASSERT_TRUE(eventually(have_one_length, std::chrono::seconds(5)));
+    ASSERT_TRUE(eventually(have_one_length));
     for (const std::string& file : files)
         EXPECT_EQ(std::string::npos,
                   firstDifference(withoutChance(readFile(files[0])), withoutChance(readFile(file))));
@@ -244,7 +244,7 @@ TEST(EqualDumpsTest, WithFewDescriptors) {
             }
             return true;
         };
-        EXPECT_TRUE(eventually(have_one_length, std::chrono::seconds(5))) << descriptors;
+        EXPECT_TRUE(eventually(have_one_length)) << descriptors;
     }
 }
 
@@ -253,7 +253,8 @@ TEST(EqualDumpsTest, WithFewDescriptors) {
 TEST(EqualDumpsTest, OnADiskThatGetsFull) {
     const Pose pose({"own", "7"});
     const TemporaryDirectory directory;
-    const std::string whole = withoutChance(pose.dump(STOCK_DUMPER));
+    const size_t whole = withoutChance(pose.dump(STOCK_DUMPER)).size();
+    size_t fast = 0;
     size_t failures = 0;
     for (size_t kilobytes = 4; failures + 1 >= kilobytes / 4; kilobytes += 4) {
         const SmallDisk disk(directory / "disk", "size=" + std::to_string(kilobytes) + "k");
@@ -264,9 +265,11 @@ TEST(EqualDumpsTest, OnADiskThatGetsFull) {
         if (!is_fast_done)
             ++failures;
         else
-            EXPECT_EQ(whole.size() / 1024, readFile(directory / "disk/fast").size() / 1024);
+            fast = readFile(directory / "disk/fast").size();
     }
-    EXPECT_EQ(whole.size() / 4096, failures);
+    EXPECT_NEAR(static_cast<double>(whole), static_cast<double>(fast),
+                64); // numbers in texts get more digits
+    EXPECT_EQ((fast - 1) / 4096, failures);
 }
 
 } // namespace

@@ -135,8 +135,11 @@ TEST_F(CrashLoopTest, FiveHundredCrashesLeaveTheServerAsItWas) {
         if (i == kFirst)
             first = resourcesAfter(i);
     }
-    const ProcessResources last = resourcesAfter(kCrashes);
-    EXPECT_LT(last.private_kilobytes, first.private_kilobytes + kMostGrowth);
+    // What the uploads have left is given back by the upload thread, which is in no hurry.
+    EXPECT_TRUE(eventually([&] {
+        return resourcesAfter(kCrashes).private_kilobytes < first.private_kilobytes + kMostGrowth;
+    })) << serverResources().private_kilobytes
+        << " KB, after the first reports " << first.private_kilobytes;
     endQuietly(*m_application);
 
     expectEachOnce(kCrashes);

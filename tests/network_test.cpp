@@ -123,11 +123,11 @@ TEST_F(NetworkTest, NoCollectorCostsThatUploadOnly) {
     expectNextServerSendsIt();
 }
 
-/// Twice as many left-overs as there are connections.
+/// Three times as many left-overs as there are connections.
 class SilenceTest : public NetworkTest {
 protected:
     SilenceTest() {
-        for (int i = 10; i < 22; ++i) {
+        for (int i = 10; i < 34; ++i) {
             m_stems.push_back(std::to_string(i) + kStem.substr(2));
             leavePair(m_stems.back(), kParams);
         }
@@ -142,7 +142,7 @@ protected:
         for (const std::string& stem : m_stems)
             EXPECT_THAT(said, Contains(failedToUpload(pathOf(stem + ".dmp"))).Times(1));
         EXPECT_THAT(crashFiles(), testing::SizeIs(2 * m_stems.size()));
-        EXPECT_LT(collector().connectionsAccepted(), 12); // the second half is not tried
+        EXPECT_LE(collector().connectionsAccepted(), 8 + 7); // some are begun before the eighth has failed
     }
 
     void expectNextServerSendsAll() {

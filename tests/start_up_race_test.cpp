@@ -1,6 +1,7 @@
 #include "tests/support/crash_server_test.h"
 #include "tests/support/messages.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -43,12 +44,18 @@ protected:
 
 TEST_F(StartUpRaceTest, TheParentMayDieAtAnyMoment) {
     constexpr int kStarts = 300;
-    const auto last_moment = startUpTime() * 5 / 4;
+    const auto last_moment = std::min({startUpTime(), startUpTime(), startUpTime()}) * 5 / 4;
     int early_ends = 0;
     for (int i = 0; i < kStarts; ++i)
         early_ends += isEarlyEnd(last_moment * i / kStarts) ? 1 : 0;
     EXPECT_GT(early_ends, 0);
-    EXPECT_LT(early_ends, kStarts);
+
+    // A machine that got busy meanwhile may have made all of them early.
+    auto later = last_moment;
+    for (bool is_late = early_ends < kStarts; !is_late; is_late = !isEarlyEnd(later)) {
+        later *= 2;
+        ASSERT_LT(later, std::chrono::minutes(1));
+    }
 }
 
 } // namespace

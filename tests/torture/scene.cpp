@@ -40,7 +40,7 @@ constexpr auto kPatience = seconds(30);
 /// For one that may hang.
 constexpr auto kPatienceWithHang = seconds(4);
 /// For what ends or becomes idle by itself after the application.
-constexpr auto kPatienceWithRest = seconds(5);
+constexpr auto kPatienceWithRest = seconds(15);
 /// A server that says nothing new for so long has nothing to do.
 constexpr auto kQuiet = milliseconds(40);
 // The library takes a dump for left over, and completes it, when it stands there for so long; and what
@@ -68,7 +68,8 @@ std::string startOf(Run run, const char* deadlines) {
 }
 
 const char* deadlinesFor(const std::optional<Fault>& fault) {
-    if (!fault || fault->kind != Fault::Kind::Stop)
+    if (!fault || fault->kind != Fault::Kind::Stop ||
+        fault->role == Role::Writer) // who is followed by another
         return kDeadlines;
     return fault->role == Role::Companion ? kDeadlinesWithStoppedCompanion : kDeadlinesWithStop;
 }
