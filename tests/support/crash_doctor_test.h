@@ -37,6 +37,8 @@ protected:
     Diagnosis run(
         const std::string& program, const std::vector<std::string>& options,
         const Step& prepare = [] {}) const;
+    /// Diagnoses again while the machine is too busy for a quick dump.
+    Diagnosis diagnoseInTime(const Step& prepare = [] {}) const;
 
     /// Ends the processes that run a program.
     static void killAll(const std::string& program);
