@@ -179,10 +179,13 @@ bool Tidier::complete(const std::string& guid, WallTime time) {
 int Tidier::createTemporary(const std::string& name) {
     constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     int file = openat(m_directory.descriptor(), name.c_str(), kFlags, 0600);
-    struct stat status = {};
-    if (file == -1 && errno == EEXIST && look(name, &status) == Place::File &&
-        isOlderThan(kTimeForTemporaryParams, status) && m_directory.remove(name))
+    if (file == -1 && errno == EEXIST) {
+        struct stat status = {};
+        if (look(name, &status) != Place::File || !isOlderThan(kTimeForTemporaryParams, status) ||
+            !remove(name))
+            return -1;
         file = openat(m_directory.descriptor(), name.c_str(), kFlags, 0600);
+    }
     if (file == -1 && errno != EEXIST)
         noteError(name, "written");
     return file;

@@ -51,8 +51,8 @@ protected:
         }
     }
 
-    /// As if it was called when the newest file has come this long ago.
-    TidiedReports tidyAfter(std::chrono::seconds age, const ReportQuota& quota = {}) const {
+    /// When the newest file has come this long ago.
+    WallTime timeAfter(std::chrono::seconds age) const {
         WallTime newest;
         for (const std::string& name : names()) {
             struct stat status = {};
@@ -60,7 +60,13 @@ protected:
             newest = std::max(newest, WallTime(std::chrono::seconds(status.st_ctim.tv_sec) +
                                                std::chrono::nanoseconds(status.st_ctim.tv_nsec)));
         }
-        return tidyReports(m_directory.path(), quota, newest + age);
+        return newest + age;
+    }
+    TidiedReports tidyAt(WallTime time, const ReportQuota& quota = {}) const {
+        return tidyReports(m_directory.path(), quota, time);
+    }
+    TidiedReports tidyAfter(std::chrono::seconds age, const ReportQuota& quota = {}) const {
+        return tidyAt(timeAfter(age), quota);
     }
     std::vector<std::string> names() const { return m_directory.names(); }
 
@@ -338,16 +344,17 @@ TEST_F(LeftOversTest, SeveralMayTidyAtOnce) {
         givenDump(guid(letter));
     TidiedReports first;
     TidiedReports second;
-    std::thread other([&] { first = tidyAfter(11s); });
-    second = tidyAfter(11s);
+    const WallTime time = timeAfter(11s);
+    std::thread other([&] { first = tidyAt(time); });
+    second = tidyAt(time);
     other.join();
 
     EXPECT_EQ("", first.error + second.error);
     EXPECT_EQ(kDumps, first.completed + second.completed);
     EXPECT_EQ(2 * kDumps, names().size());
 
-    std::thread another([&] { first = tidyAfter(11s, {.most_reports = 10}); });
-    second = tidyAfter(11s, {.most_reports = 10});
+    std::thread another([&] { first = tidyAt(time, {.most_reports = 10}); });
+    second = tidyAt(time, {.most_reports = 10});
     another.join();
     EXPECT_EQ("", first.error + second.error);
     EXPECT_EQ(kDumps - 10, first.dropped + second.dropped);
