@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <ctime>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -97,6 +98,14 @@ void endByFirst(int signal) {
 
 int g_first_signal = 0; // of the thread whose turn it is
 
+/// After the report. Where the first thread's signal is about to end the process, nobody ends it by another
+/// one: a busy machine may hold that thread up on its last steps.
+void letFirstEnd() {
+    const timespec limit = {5, 0}; // in case that a sandbox keeps its signal from it
+    if (!isHandler(g_earlier[g_first_signal]))
+        (void)syscall(SYS_nanosleep, &limit, nullptr);
+}
+
 void onCrashSignal(int signal, siginfo_t* info, void* context) {
     const int saved_errno = errno;
     const CrashReporter reporter = g_reporter.load();
@@ -115,6 +124,7 @@ void onCrashSignal(int signal, siginfo_t* info, void* context) {
         return;
     case CrashTurn::Place::Another:
         g_turn.awaitFinish();
+        letFirstEnd();
         break;
     case CrashTurn::Place::Over:
         break;
