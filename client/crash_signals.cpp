@@ -127,6 +127,8 @@ void onCrashSignal(int signal, siginfo_t* info, void* context) {
         letFirstEnd();
         break;
     case CrashTurn::Place::Over:
+        if (reporter != nullptr)
+            letFirstEnd();
         break;
     }
     handOn(signal, info, context);
